@@ -1,0 +1,73 @@
+#ifndef KORVEX_RUNTIME_PLATFORM_FILES_H
+#define KORVEX_RUNTIME_PLATFORM_FILES_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// Files and directories. Descriptors are those of the C runtime on every platform; paths are UTF-8.
+// Failures leave the system's error number in errno; error_text(errno) words it.
+namespace korvex::platform {
+
+struct file_status {
+  bool exists = false;
+  bool regular = false;
+  bool directory = false;
+  std::uint64_t size = 0;
+};
+
+enum class open_mode {
+  existing,      // read and write, must exist
+  read_only,     // must exist
+  create,        // read and write, created when absent, kept otherwise
+  create_new,    // read and write, must not exist
+  truncate,      // read and write, created or cut to nothing
+  append,        // write at the end, created when absent
+};
+
+file_status status_of(const char* path);
+
+// A descriptor with close-on-exec, or -1. New files are readable and writable by their owner only.
+int open_file(const char* path, open_mode mode);
+// An unbuffered descriptor: offsets, sizes and buffers must be multiples of the device's block. Or -1.
+int open_unbuffered(const char* path, bool read, bool write, bool create, bool exclusive, bool truncate);
+void close_file(int fd);
+
+std::int64_t read_at(int fd, void* data, std::uint64_t size, std::uint64_t offset);
+std::int64_t write_at(int fd, const void* data, std::uint64_t size, std::uint64_t offset);
+// Writes all of it at the descriptor's position; false on an error.
+bool write_all(int fd, const void* data, std::uint64_t size);
+
+// Sets the length; the new range reads as zeros and takes no room on disk yet. 0 or -1.
+int set_file_size(int fd, std::uint64_t size);
+// Makes room on disk for a range, so that a later write into a mapping of it cannot fail. 0, or -1 when the disk is
+// full or a limit was met. A file system that cannot reserve counts as success.
+int reserve_file_range(int fd, std::uint64_t offset, std::uint64_t size);
+// Puts everything written so far on the device. 0 or -1.
+int sync_file(int fd);
+
+// Advisory exclusive lock on a whole open file, without waiting: 0, or -1 when somebody else holds it.
+int lock_file(int fd);
+void unlock_file(int fd);
+
+// Creates a directory and all its parents; an existing one is success. 0 or -1.
+int create_directories(const char* path);
+int remove_file(const char* path);
+int rename_file(const char* from, const char* to);  // replaces an existing target
+
+struct directory_entry {
+  std::string name;
+  bool regular;
+  std::uint64_t size;
+};
+std::vector<directory_entry> list_directory(const char* path);
+
+// Deletes the regular files directly in `directory` whose name ends in "." + extension. The count, or -1 when the
+// directory cannot be read or a path would be longer than 258 characters.
+int delete_files(const char* directory, const char* extension);
+
+std::string error_text(int error_number);
+
+}  // namespace korvex::platform
+
+#endif  // KORVEX_RUNTIME_PLATFORM_FILES_H

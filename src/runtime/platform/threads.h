@@ -1,0 +1,29 @@
+#ifndef KORVEX_RUNTIME_PLATFORM_THREADS_H
+#define KORVEX_RUNTIME_PLATFORM_THREADS_H
+
+#include <pthread.h>
+
+#include <cstdint>
+
+namespace korvex::platform {
+
+// The number of the calling thread as log lines show it; cached per thread.
+std::uint32_t thread_id();
+
+// Makes a condition variable whose timed waits use wait_clock_now()'s clock.
+int init_condition(pthread_cond_t* condition);
+// The absolute time `ms` from now on the clock of init_condition's waits.
+timespec condition_deadline(std::uint64_t ms);
+
+// Levels -3 (idle) to +3 (time critical); anything else counts as 0. The id is thread_id() of the target, 0 for the
+// calling thread. 0, or -1 when the system refuses.
+int set_thread_priority(std::uint32_t id, int level);
+
+// Whether a thread of this process is still there: a forked child has lost the threads of its parent, and a process
+// that is ending may have lost all but one.
+bool process_is(std::uint32_t pid);
+std::uint32_t process_id();
+
+}  // namespace korvex::platform
+
+#endif  // KORVEX_RUNTIME_PLATFORM_THREADS_H
