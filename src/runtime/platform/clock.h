@@ -7,8 +7,8 @@
 
 namespace korvex::platform {
 
-// Wall-clock microseconds since 1970, never decreasing within the process: the values are stored in files and
-// compared across runs.
+// Wall-clock microseconds since 1970, never decreasing within the process: the values are stored in
+// files and compared across runs.
 std::uint64_t time_usec();
 std::uint64_t time_ms();
 // Monotonic nanoseconds, for measuring durations only.
@@ -17,8 +17,10 @@ std::uint64_t monotonic_ns();
 std::tm local_time(std::time_t seconds);
 
 void sleep_usec(std::uint64_t microseconds);
-// Returns early (1) when a signal arrives or *stop becomes non-zero; 0 after the whole time.
-int usleep_interruptible(std::uint64_t microseconds, const std::atomic<std::uint32_t>* stop = nullptr);
+// Returns early (1) when a signal arrives or, within some 5 ms, *stop becomes non-zero; 0 after the
+// whole time.
+int usleep_interruptible(std::uint64_t microseconds,
+                         const std::atomic<std::uint32_t>* stop = nullptr);
 
 }  // namespace korvex::platform
 

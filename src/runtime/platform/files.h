@@ -2,6 +2,7 @@
 #define KORVEX_RUNTIME_PLATFORM_FILES_H
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -17,40 +18,47 @@ struct file_status {
 };
 
 enum class open_mode {
-  existing,      // read and write, must exist
-  read_only,     // must exist
-  create,        // read and write, created when absent, kept otherwise
-  create_new,    // read and write, must not exist
-  truncate,      // read and write, created or cut to nothing
-  append,        // write at the end, created when absent
+  existing,    // read and write, must exist
+  read_only,   // must exist
+  create,      // read and write, created when absent, kept otherwise
+  create_new,  // read and write, must not exist
+  truncate,    // read and write, created or cut to nothing
+  append,      // write at the end, created when absent
 };
 
 file_status status_of(const char* path);
 
 // A descriptor with close-on-exec, or -1. New files are readable and writable by their owner only.
 int open_file(const char* path, open_mode mode);
-// An unbuffered descriptor: offsets, sizes and buffers must be multiples of the device's block. Or -1.
-int open_unbuffered(const char* path, bool read, bool write, bool create, bool exclusive, bool truncate);
+// An unbuffered descriptor, or -1: offsets, sizes and buffers must be multiples of the device's
+// block.
+int open_unbuffered(const char* path, bool read, bool write, bool create, bool exclusive,
+                    bool truncate);
 void close_file(int fd);
 
+// Bytes moved, less than `size` only at the end of the file; -1 on an error.
 std::int64_t read_at(int fd, void* data, std::uint64_t size, std::uint64_t offset);
 std::int64_t write_at(int fd, const void* data, std::uint64_t size, std::uint64_t offset);
 // Writes all of it at the descriptor's position; false on an error.
 bool write_all(int fd, const void* data, std::uint64_t size);
+// The same through an open stream, after what it holds: one write, so that no other gets in between.
+bool write_stream(std::FILE* stream, const void* data, std::uint64_t size);
 
 // Sets the length; the new range reads as zeros and takes no room on disk yet. 0 or -1.
 int set_file_size(int fd, std::uint64_t size);
-// Makes room on disk for a range, so that a later write into a mapping of it cannot fail. 0, or -1 when the disk is
-// full or a limit was met. A file system that cannot reserve counts as success.
+// Makes room on disk for a range, so that a later write into a mapping of it cannot fail. 0, or -1
+// when the disk is full or a limit was met. A file system that cannot reserve counts as success.
 int reserve_file_range(int fd, std::uint64_t offset, std::uint64_t size);
 // Puts everything written so far on the device. 0 or -1.
 int sync_file(int fd);
 
-// Advisory exclusive lock on a whole open file, without waiting: 0, or -1 when somebody else holds it.
+// Advisory exclusive lock on a whole open file, without waiting: 0, or -1 when somebody else holds
+// it, be it through another descriptor of this process. A file system without locks counts as
+// success.
 int lock_file(int fd);
 void unlock_file(int fd);
 
-// Creates a directory and all its parents; an existing one is success. 0 or -1.
+// Creates a directory and all its parents, for their owner only; 0 or -1. An existing one is success.
 int create_directories(const char* path);
 int remove_file(const char* path);
 int rename_file(const char* from, const char* to);  // replaces an existing target
@@ -60,10 +68,12 @@ struct directory_entry {
   bool regular;
   std::uint64_t size;
 };
+// In the order of the names; empty when the directory cannot be read.
 std::vector<directory_entry> list_directory(const char* path);
 
-// Deletes the regular files directly in `directory` whose name ends in "." + extension. The count, or -1 when the
-// directory cannot be read or a path would be longer than 258 characters.
+// Deletes the regular files (no links) directly in `directory` whose name ends in "." + extension.
+// The count, or -1 when an argument is null, the directory is longer than 258 characters or cannot
+// be read.
 int delete_files(const char* directory, const char* extension);
 
 std::string error_text(int error_number);

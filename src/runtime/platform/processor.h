@@ -15,10 +15,11 @@ cpuid_result cpuid(std::uint32_t leaf, std::uint32_t subleaf);
 std::uint64_t xgetbv(std::uint32_t index);
 
 enum class core_type { unknown, performance, efficiency };
-// The kind of one processor of a hybrid machine; unknown on others. May move the calling thread for a moment and
-// puts it back.
+// The kind of one processor of a hybrid machine; unknown on others. May move the calling thread for
+// a moment and puts it back.
 core_type core_type_of(int processor);
-// Binds the calling thread to one processor, or to all that it may use when processor is negative. 0 or -1.
+// Binds the calling thread to one processor, or to all that it may use when processor is negative.
+// 0 or -1.
 int bind_thread(int processor);
 
 }  // namespace korvex::platform

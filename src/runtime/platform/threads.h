@@ -4,23 +4,25 @@
 #include <pthread.h>
 
 #include <cstdint>
+#include <ctime>
 
 namespace korvex::platform {
 
 // The number of the calling thread as log lines show it; cached per thread.
 std::uint32_t thread_id();
 
-// Makes a condition variable whose timed waits use wait_clock_now()'s clock.
+// Makes a condition variable whose timed waits take condition_deadline's clock, which no change of
+// the wall clock moves. 0 or -1.
 int init_condition(pthread_cond_t* condition);
 // The absolute time `ms` from now on the clock of init_condition's waits.
 timespec condition_deadline(std::uint64_t ms);
 
-// Levels -3 (idle) to +3 (time critical); anything else counts as 0. The id is thread_id() of the target, 0 for the
-// calling thread. 0, or -1 when the system refuses.
+// Levels -3 (idle) to +3 (time critical); anything else counts as 0. The id is thread_id() of the
+// target, 0 for the calling thread. 0, or -1 when the system refuses.
 int set_thread_priority(std::uint32_t id, int level);
 
-// Whether a thread of this process is still there: a forked child has lost the threads of its parent, and a process
-// that is ending may have lost all but one.
+// Whether this still is the process of that number: a forked child has lost the threads of its
+// parent.
 bool process_is(std::uint32_t pid);
 std::uint32_t process_id();
 

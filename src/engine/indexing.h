@@ -1,0 +1,27 @@
+#ifndef KORVEX_ENGINE_INDEXING_H
+#define KORVEX_ENGINE_INDEXING_H
+
+#include <cstdint>
+
+#include "engine/record.h"
+
+namespace korvex {
+
+// Counts a point whose records are complete and wakes the indexing threads, or links it here when there are none.
+// Under the insert lock; ids come in order.
+void korvex_publish(hnsw_s* hnsw, std::uint32_t id);
+
+// Starts up to n indexing threads while fewer than the configured number run.
+void korvex_launch_threads(hnsw_s* hnsw, int n);
+
+int korvex_has_finish_adding(hnsw_s* hnsw);
+// Returns once every point that was added before the call is linked, or the index is being torn down. At once on an
+// indexing thread of the index, which would wait for itself.
+void korvex_wait_finish_adding(hnsw_s* hnsw);
+
+// Fires the ready notice when it is due; once, until a new callback is set.
+void korvex_notify_ready(hnsw_s* hnsw);
+
+}  // namespace korvex
+
+#endif  // KORVEX_ENGINE_INDEXING_H

@@ -1,0 +1,216 @@
+#include "engine/insertion.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <mutex>
+
+#include "engine/distances.h"
+#include "engine/indexing.h"
+#include "engine/points.h"
+#include "engine/startup.h"
+#include "runtime/log.h"
+#include "search/result_cache.h"
+#include "storage/bloom_filter.h"
+
+namespace korvex {
+
+namespace {
+
+constexpr int bad_entry_line = 1827;
+
+// One addition, under the insert lock.
+class insertion {
+ public:
+  insertion(hnsw_s* hnsw, const float* v) : hnsw_(hnsw), runtime_(*hnsw->runtime), v_(v) {}
+
+  std::uint32_t run() {
+    std::atomic_ref(hnsw_->clean_close).store(0, std::memory_order_relaxed);
+    if (!allocate()) return 0;
+    if (!store_vector()) return 0;
+    const bool is_first_of_probe = choose_probe();
+    if (is_first_of_probe) {
+      make_seed();
+    } else {
+      if (!find_entry()) return refuse_linking();
+      korvex_launch_threads(hnsw_, 1);
+      hand_over();
+    }
+    remember();
+    return id_ - 1;
+  }
+
+ private:
+  // Takes an id and a record for it in every store. An id whose records could not be completed stays for the next
+  // addition, so that ids keep their order.
+  bool allocate() {
+    unsigned id = runtime_.spare_id;
+    if (id == 0 && runtime_.store[vector_store]->alloc(&id, 1) == nullptr) {
+      KORVEX_LOG_CRITICAL("vector allocation failed\n");
+      return false;
+    }
+    id_ = id;
+    runtime_.spare_id = id;
+    vectpool_c* const graphs = runtime_.store[graph_store];
+    if (id >= graphs->size()) {
+      unsigned list_id = 0;
+      if (graphs->alloc(&list_id, 1) == nullptr || list_id != id) {
+        KORVEX_LOG_CRITICAL("list allocation failed: %u %u\n", id, list_id);
+        return false;
+      }
+    } else {
+      KORVEX_LOG("node_id is reused: %u\n", id);
+    }
+    for (std::uint32_t index = magnitude_store; index < store_count; ++index) {
+      vectpool_c* const store = runtime_.store[index];
+      while (store != nullptr && store->size() <= id) {
+        unsigned other = 0;
+        if (store->alloc(&other, 1) != nullptr) continue;
+        KORVEX_LOG_CRITICAL("list allocation failed: %u %u\n", id, other);
+        return false;
+      }
+    }
+    return true;
+  }
+
+  bool store_vector() {
+    graph_of(runtime_, id_).clear_handover();
+    stored_ = static_cast<float*>(record_of(runtime_, vector_store, id_));
+    if (stored_ == nullptr) {
+      KORVEX_LOG("*** BUG *** null buffer for id: %u\n", id_);
+      KORVEX_LOG_CRITICAL("vector buffer failed\n");
+      return false;
+    }
+    std::memcpy(stored_, v_, hnsw_->vector_bytes);
+    if (hnsw_->normalize != 0) normalize_vector(stored_, stored_, hnsw_->dimension);
+    korvex_expand_vector(hnsw_, stored_);
+    runtime_.last_magnitude = normalize_vector(stored_, runtime_.unit_scratch.get(), hnsw_->dimension);
+    *static_cast<float*>(record_of(runtime_, magnitude_store, id_)) = runtime_.last_magnitude;
+    std::atomic_ref<std::uint8_t>(*flags_of(runtime_, id_)).store(0);
+    return true;
+  }
+
+  // True when the point opens its probe.
+  bool choose_probe() {
+    if (hnsw_->norm_probing != 0) return choose_probe_by_norm();
+    probe_ = probe_of(hnsw_, id_);
+    return id_ <= runtime_.probe_count;
+  }
+
+  bool choose_probe_by_norm() {
+    probe_ = 0;
+    if (id_ == 1) {
+      hnsw_->probes[0].ring = 0.0f;
+      hnsw_->probes_made = std::max(hnsw_->probes_made, 1u);
+      return true;
+    }
+    const float distance = korvex_get_norm_distance(hnsw_, 1, runtime_.unit_scratch.get());
+    const float quotient = hnsw_->probe_step > 0.0f ? distance / hnsw_->probe_step : 0.0f;
+    const auto ring = static_cast<std::uint32_t>(std::clamp(quotient, 0.0f, static_cast<float>(norm_buckets - 1)));
+    if (ring < 1) return false;
+    probe_ = hnsw_->probe_slots[ring];
+    if (probe_ != 0 || hnsw_->probes_made >= runtime_.probe_count) return false;
+    probe_ = hnsw_->probes_made++;
+    hnsw_->probe_slots[ring] = static_cast<std::uint16_t>(probe_);
+    hnsw_->probes[probe_].ring = static_cast<float>(ring) * hnsw_->probe_step;
+    return true;
+  }
+
+  bool find_entry() {
+    std::atomic_ref(hnsw_->probes[probe_].count).fetch_add(1, std::memory_order_relaxed);
+    vector_hash_node_s node;
+    node.id = id_;
+    node.query = stored_;
+    node.vector = runtime_.unit_scratch.get();
+    node.aux = runtime_.last_magnitude;
+    vector_hash_node_s answer;
+    vector_hash_add_point(runtime_.hash[probe_], &node, &answer);
+    star_ = answer.placed;
+    entry_ = answer.id != 0 ? answer.id : probe_seed(hnsw_, probe_);
+    if (entry_ != 0 && entry_ < id_) return true;
+    KORVEX_LOG("*** BUG *** bad nid: %u %u line %d\n", entry_, id_, bad_entry_line);
+    return false;
+  }
+
+  // The id keeps its place in the order, hidden and never linked.
+  std::uint32_t refuse_linking() {
+    set_flags(runtime_, id_, flag_deleted);
+    graph_of(runtime_, id_).set_slot(3, unlinkable_marker);
+    publish();
+    return 0;
+  }
+
+  void make_seed() {
+    std::atomic_ref(hnsw_->probes[probe_].seed).store(id_, std::memory_order_release);
+    std::atomic_ref(hnsw_->max_seed).store(std::max(hnsw_->max_seed, id_), std::memory_order_release);
+    vector_hash_set_ep_id(runtime_.hash[probe_], id_, runtime_.unit_scratch.get());
+    graph_record graph = graph_of(runtime_, id_);
+    graph.set_slot(0, 0);
+    graph.set_slot(3, seed_marker);
+    publish();
+  }
+
+  void hand_over() {
+    graph_record graph = graph_of(runtime_, id_);
+    graph.set_slot(1, entry_);
+    graph.set_slot(2, star_);
+    publish();
+  }
+
+  void publish() {
+    if (hnsw_->norm_probing == 0)
+      std::atomic_ref(hnsw_->probes_made).store(std::max(hnsw_->probes_made, std::min(id_, runtime_.probe_count)));
+    runtime_.spare_id = 0;
+    korvex_publish(hnsw_, id_);
+  }
+
+  void remember() {
+    if (hnsw_->bloom != nullptr) sbf_add(hnsw_->bloom, v_, hnsw_->vector_bytes);
+    cache_search_invalidate();
+  }
+
+  hnsw_s* const hnsw_;
+  korvex_runtime_s& runtime_;
+  const float* const v_;
+  float* stored_ = nullptr;
+  std::uint32_t id_ = 0;
+  std::uint32_t probe_ = 0;
+  std::uint32_t entry_ = 0;
+  std::uint32_t star_ = 0;
+};
+
+}  // namespace
+
+bool all_finite(const float* v, std::uint32_t dimension) {
+  // A sum of v - v stays 0 exactly when no component is infinite or not a number; one pass without branches.
+  float sum = 0.0f;
+  for (std::uint32_t i = 0; i < dimension; ++i) sum += v[i] - v[i];
+  return sum == 0.0f;
+}
+
+std::uint32_t korvex_add(hnsw_s* hnsw, const float* v, std::uint64_t) {
+  if (hnsw == nullptr || v == nullptr) return 0;
+  if (hnsw->validate_parameters != 0 && !all_finite(v, hnsw->dimension)) {
+    KORVEX_LOG_CRITICAL("a vector with components that are not finite was refused\n");
+    return 0;
+  }
+  korvex_runtime_s& runtime = *hnsw->runtime;
+  runtime.multi_done.store(0);
+  runtime.stop_adding.store(0);
+  korvex_init_memory(hnsw);
+  std::lock_guard lock(runtime.insert_lock);
+  return insertion(hnsw, v).run();
+}
+
+void korvex_add_multiple(hnsw_s* hnsw, const float* v, int n, std::uint32_t* first, std::uint32_t* last) {
+  *first = 0;
+  *last = 0;
+  if (hnsw == nullptr || v == nullptr || n <= 0) return;
+  for (int i = 0; i < n; ++i) {
+    *last = korvex_add(hnsw, v + static_cast<std::size_t>(i) * hnsw->dimension, 0);
+    if (i == 0) *first = *last;
+  }
+  if (n > 1) hnsw->runtime->multi_done.store(1);
+}
+
+}  // namespace korvex

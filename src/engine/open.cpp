@@ -1,0 +1,205 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "engine/configuration.h"
+#include "engine/runtime.h"
+#include "engine/startup.h"
+#include "math/topology.h"
+#include "runtime/disk_probe.h"
+#include "runtime/log.h"
+#include "runtime/platform/files.h"
+#include "runtime/platform/processor.h"
+#include "runtime/random.h"
+#include "runtime/text_box.h"
+#include "storage/persistent_allocator.h"
+
+namespace korvex {
+
+namespace {
+
+constexpr const char* product_folder = "nimbra-korvex";
+constexpr const char* default_name = "nimbra-korvex";
+constexpr unsigned index_file_bytes = 52'428'800;
+constexpr long long record_block = 1;
+constexpr int box_columns = 80;
+
+struct index_location {
+  std::string directory;  // empty: in memory
+  std::string name;
+  std::string file;
+};
+
+bool refuse_single_core() {
+  if (platform::processor_count() != 1) return false;
+  const std::string_view lines[] = {
+      ":Single-Core CPU Detected \u2013 Korvex Disabled", "-",
+      "Korvex requires a multi-core CPU for optimal performance. Since most modern CPUs are multi-core, running it on a "
+      "single-core processor is neither practical nor supported."};
+  print_text_box(log_fp(), lines, box_columns);
+  return true;
+}
+
+// A base that already names the library's folder loses that component: the directory gets it once. Only the backslash
+// separates here; forward slashes stay as they are.
+std::string_view normalised_base(std::string_view base) {
+  const auto drop_backslashes = [&base] {
+    while (!base.empty() && base.back() == '\\') base.remove_suffix(1);
+  };
+  drop_backslashes();
+  const std::string component = std::string("\\") + product_folder;
+  if (base.size() < component.size() || !base.ends_with(component)) return base;
+  base.remove_suffix(component.size());
+  drop_backslashes();
+  return base;
+}
+
+// Creates the directory of an index. False after the line.
+bool locate(const char* base_path, const char* index_name, unsigned instance_id, index_location* out) {
+  nvme_check_disk(base_path);
+  out->name = index_name != nullptr && *index_name != '\0' ? index_name : default_name;
+  const std::string base(normalised_base(base_path));
+  out->directory = base + "/" + product_folder + "/" + std::to_string(instance_id);
+  out->file = out->directory + "/" + out->name + ".korvex";
+  KORVEX_LOG("Korvex Index Path: On-Disk (%.*s/%s/)\n", static_cast<int>(base.size()), base.c_str(), product_folder);
+  int error = 0;
+  if (out->name.find_first_of("/\\") != std::string::npos)
+    error = EINVAL;
+  else if (platform::create_directories(out->directory.c_str()) != 0)
+    error = errno != 0 ? errno : EIO;
+  if (error == 0) return true;
+  KORVEX_LOG_CRITICAL("Unable to access or create path: %s (%s)\n", out->directory.c_str(),
+                      platform::error_text(error).c_str());
+  return false;
+}
+
+void write_defaults(hnsw_s* hnsw, std::uint32_t dimension, std::uint8_t instance_id) {
+  const int processors = platform::processor_count();
+  hnsw->config_valid = 1;
+  hnsw->element_bytes = sizeof(float);
+  hnsw->id_bytes = sizeof(std::uint32_t);
+  hnsw->dimension = dimension;
+  hnsw->vector_bytes = dimension * hnsw->element_bytes;
+  hnsw->validate_parameters = 1;
+  hnsw->pattern_probes = 2;
+  hnsw->allocation_units_flag = 1;
+  hnsw->numa_node = -1;
+  hnsw->constant8 = 8;
+  hnsw->instance_id = instance_id;
+  hnsw->indexing_threads = std::max(processors - 1, 4);
+  hnsw->search_threads = processors;
+  hnsw->search_queue_limit = 2 * processors;
+  hnsw->neighbour_capacity = 32;
+  hnsw->radius = 100;
+  hnsw->duplicate_option = 1;
+  hnsw->duplicate_threshold = threshold_off;
+  hnsw->parallel_search_jobs = 128;
+  hnsw->log_handle = -1;
+  hnsw->log_enabled = 1;
+  hnsw->clean_close = 1;
+  hnsw->identity = random_u64() & 0x0FFFFFFFu;
+}
+
+// What a record from a file must say before anything trusts it.
+bool record_matches(const hnsw_s& stored, std::uint32_t dimension, std::uint8_t instance_id) {
+  const auto metric_known = [&stored] {
+    return stored.distance_type == DISTANCE_NONE || stored.distance_type == DISTANCE_L2_SQUARE ||
+           stored.distance_type == DISTANCE_L2 || stored.distance_type == DISTANCE_INNER_PRODUCT;
+  };
+  return stored.dimension == dimension && stored.instance_id == instance_id && stored.element_bytes == 4 &&
+         stored.id_bytes == 4 && stored.neighbour_capacity >= 1 && stored.neighbour_capacity <= (1u << 20) &&
+         (stored.shape_valid == 0 || (stored.shape_capacity >= 1 && stored.shape_capacity <= (1u << 20) &&
+                                      stored.shape_probes >= 1 && stored.shape_probes <= max_probes)) &&
+         metric_known();
+}
+
+// Everything that named a place in the process that wrote the file.
+void clear_process_fields(hnsw_s* hnsw) {
+  hnsw->memory_initialised = 0;
+  hnsw->distance = nullptr;
+  hnsw->distance_function = nullptr;
+  hnsw->stop_searching = 0;
+  hnsw->stop_indexing = 0;
+  hnsw->destroy_on_delete = 0;
+  hnsw->bloom = nullptr;
+  hnsw->search_pool = nullptr;
+  hnsw->search_queue = nullptr;
+  hnsw->log_handle = -1;
+  hnsw->runtime = nullptr;
+  std::memset(hnsw->thread_slots, 0, sizeof hnsw->thread_slots);
+}
+
+bool bind_to_process(hnsw_s* hnsw, persistent_malloc_s* manager, const index_location& location) {
+  hnsw->memory_manager = manager;
+  hnsw->on_disk = location.directory.empty() ? 0 : 1;
+  hnsw->directory = location.directory.empty() ? nullptr : ::strdup(location.directory.c_str());
+  hnsw->name = location.directory.empty() ? nullptr : ::strdup(location.name.c_str());
+  hnsw->memory_usage = take_memory_usage();
+  hnsw->runtime = new (std::nothrow) korvex_runtime_s(hnsw);
+  if (hnsw->runtime == nullptr) return false;
+  cond_init(&hnsw->runtime->add_cond);
+  return true;
+}
+
+hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& location, std::uint32_t dimension,
+                         std::uint8_t instance_id) {
+  unsigned stored_bytes = 0;
+  auto* const hnsw =
+      static_cast<hnsw_s*>(persistent_malloc(manager, record_block, sizeof(hnsw_s), &stored_bytes));
+  if (hnsw == nullptr) return nullptr;
+  if (stored_bytes == sizeof(hnsw_s) && hnsw->config_valid == 1) {
+    KORVEX_LOG("Found an existing Korvex config\n");
+    // Compared before the first write: a refused file stays as it was.
+    if (!record_matches(*hnsw, dimension, instance_id)) {
+      KORVEX_LOG_CRITICAL("Bad or mismatched configuration detected. Check and reinitialize.\n");
+      return nullptr;
+    }
+    clear_process_fields(hnsw);
+    return bind_to_process(hnsw, manager, location) ? hnsw : nullptr;
+  }
+  std::memset(static_cast<void*>(hnsw), 0, sizeof(hnsw_s));
+  KORVEX_LOG("creating a new Korvex config with defaults\n");
+  write_defaults(hnsw, dimension, instance_id);
+  return bind_to_process(hnsw, manager, location) ? hnsw : nullptr;
+}
+
+persistent_malloc_s* open_manager(const index_location& location) {
+  if (location.directory.empty()) return persistent_malloc_init(nullptr, 0);
+  persistent_malloc_s* const manager = persistent_malloc_init(location.file.c_str(), index_file_bytes);
+  if (manager == nullptr || persistent_malloc_lock(manager) == 0) return manager;
+  persistent_malloc_destroy(manager);
+  return nullptr;
+}
+
+}  // namespace
+
+hnsw_s* korvex_init(std::uint32_t dimension, std::uint8_t instance_id, const char* base_path, const char* index_name) {
+  korvex_process_start();
+  if (refuse_single_core()) return nullptr;
+  if (dimension < 1 || dimension > max_dimension) {
+    KORVEX_LOG_CRITICAL("Bad or mismatched configuration detected. Check and reinitialize.\n");
+    return nullptr;
+  }
+  index_location location;
+  if (base_path == nullptr || *base_path == '\0')
+    KORVEX_LOG("Korvex Index Path: In-Memory\n");
+  else if (!locate(base_path, index_name, instance_id, &location))
+    return nullptr;
+
+  persistent_malloc_s* const manager = open_manager(location);
+  if (manager == nullptr) {
+    KORVEX_LOG_CRITICAL("Unable to allocate memory manager..\n");
+    return nullptr;
+  }
+  hnsw_s* const hnsw = create_or_reopen(manager, location, dimension, instance_id);
+  if (hnsw == nullptr) persistent_malloc_destroy(manager);
+  return hnsw;
+}
+
+}  // namespace korvex

@@ -1,0 +1,129 @@
+#include "engine/teardown.h"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "engine/runtime.h"
+#include "engine/startup.h"
+#include "runtime/job_queue.h"
+#include "runtime/log.h"
+#include "runtime/platform/clock.h"
+#include "runtime/platform/files.h"
+#include "search/result_cache.h"
+#include "storage/mempool.h"
+#include "storage/persistent_allocator.h"
+
+namespace korvex {
+
+namespace {
+
+constexpr int thread_slot_count = 32;
+constexpr int wait_rounds = 11;
+constexpr std::uint64_t wait_usec = 10'000;
+
+int active_workers(const hnsw_s* hnsw) {
+  return hnsw->search_queue == nullptr ? 0 : static_cast<int>(jobq_thread_count_active(hnsw->search_queue));
+}
+
+int active_indexers(const hnsw_s* hnsw) { return static_cast<int>(hnsw->runtime->running_threads.load()); }
+
+// Ends when either kind of thread has gone. The time that is left of the bound, in rounds.
+int wait_for_threads(const hnsw_s* hnsw) {
+  for (int round = 0; round < wait_rounds; ++round) {
+    const int workers = active_workers(hnsw);
+    const int indexers = active_indexers(hnsw);
+    if (workers == 0 || indexers == 0) return wait_rounds - round;
+    KORVEX_LOG("waiting for threads to exit: search %d index %d\n", workers, indexers);
+    platform::sleep_usec(wait_usec);
+  }
+  return 0;
+}
+
+// The strings of an index outlive it; kept reachable, so that leak checkers see them as what they are.
+void park_strings(const hnsw_s* hnsw) {
+  static std::mutex lock;
+  static auto* const parked = new std::vector<char*>;
+  std::lock_guard guard(lock);
+  if (hnsw->directory != nullptr) parked->push_back(hnsw->directory);
+  if (hnsw->name != nullptr) parked->push_back(hnsw->name);
+}
+
+bool nothing_left_undone(const hnsw_s* hnsw) {
+  return load_counter(hnsw->memory_initialised) != 0 && hnsw->networked == hnsw->added &&
+         hnsw->taken == hnsw->added && hnsw->runtime->running_threads.load() == 0;
+}
+
+}  // namespace
+
+void korvex_free(hnsw_s* hnsw) {
+  if (hnsw == nullptr) return;
+  korvex_runtime_s* const runtime = hnsw->runtime;
+  KORVEX_LOG("clean up started: active threads search %d index %d\n", active_workers(hnsw), active_indexers(hnsw));
+  std::atomic_ref(hnsw->stop_searching).store(1);
+  std::atomic_ref(hnsw->stop_indexing).store(1);
+  cond_broadcast(&runtime->add_cond);
+  if (hnsw->search_queue != nullptr) {
+    jobq_trigger(hnsw->search_queue, 1);
+    runtime->search.cancel_queued(hnsw);
+  }
+  int rounds_left = wait_for_threads(hnsw);
+
+  cache_search_destroy();
+  if (hnsw->destroy_on_delete != 0 && hnsw->directory != nullptr) {
+    KORVEX_LOG("deleting index files in %s\n", hnsw->directory);
+    runtime->files_directory = hnsw->directory;
+  }
+  park_strings(hnsw);
+  if (hnsw->memory_manager != nullptr) persistent_malloc_unlock(hnsw->memory_manager);
+
+  // The host's claim goes; threads that stay inside a callback release the rest when they leave.
+  runtime_add_handle(runtime);
+  runtime->users.fetch_or(runtime_closed);
+  runtime_release_use(runtime);
+  for (; rounds_left > 0 && !runtime->users_gone.load(); --rounds_left)
+    for (int i = 0; i < 10 && !runtime->users_gone.load(); ++i) platform::sleep_usec(wait_usec / 10);
+  runtime_release_handle(runtime);
+}
+
+void korvex_release(korvex_runtime_s* runtime) {
+  hnsw_s* const hnsw = runtime->hnsw;
+  if (nothing_left_undone(hnsw)) hnsw->clean_close = 1;
+  if (runtime->search.release != nullptr) runtime->search.release(hnsw);
+  runtime->inline_linker.reset();
+  korvex_release_stores(hnsw);
+  delete hnsw->distance;
+  hnsw->distance = nullptr;
+  if (hnsw->search_pool != nullptr) mempool_destroy(hnsw->search_pool);
+  hnsw->search_pool = nullptr;
+  jobq_cleanup(hnsw->search_queue);
+  hnsw->search_queue = nullptr;
+  cond_destroy(&runtime->add_cond);
+  persistent_malloc_s* const manager = hnsw->memory_manager;
+  persistent_free(manager, hnsw);
+  persistent_malloc_destroy(manager);
+  // On some systems a mapped file cannot be deleted: last of all.
+  if (!runtime->files_directory.empty()) platform::delete_files(runtime->files_directory.c_str(), "korvex");
+}
+
+int korvex_get_thread_index(hnsw_s* hnsw) {
+  for (int slot = 0; slot < thread_slot_count; ++slot) {
+    std::uint8_t expected = 0;
+    if (std::atomic_ref(hnsw->thread_slots[slot]).compare_exchange_strong(expected, 1)) return slot;
+  }
+  return -1;
+}
+
+void korvex_free_thread_index(hnsw_s* hnsw, int slot) {
+  if (slot < 0 || slot >= thread_slot_count) return;
+  if (std::atomic_ref(hnsw->thread_slots[slot]).exchange(0) == 0)
+    KORVEX_LOG("warning: thread index was not in use: %d\n", slot);
+}
+
+void* thread_work(void* argument) {
+  KORVEX_LOG("Thread %d started\n", *static_cast<const int*>(argument));
+  platform::sleep_usec(2'000'000);
+  return nullptr;
+}
+
+}  // namespace korvex

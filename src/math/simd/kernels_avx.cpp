@@ -1,0 +1,28 @@
+#include "math/simd/kernel_bodies.h"
+#include "math/simd/kernel_members.h"
+#include "math/simd/vocabulary_avx.h"
+
+namespace korvex {
+namespace {
+using V = avx<false>;
+}
+
+float inner_product_16_avx(const float* a, const float* b, std::size_t n) {
+  return distance_16<V, dot_step>(a, b, n);
+}
+void inner_product_16_batch4_avx(const float* query, const float* const* rows, std::size_t n,
+                                 float* out) {
+  distance_16_batch4<V, dot_step>(query, rows, n, out);
+}
+float l2_square_16_avx(const float* a, const float* b, std::size_t n) {
+  return distance_16<V, square_step>(a, b, n);
+}
+void l2_square_16_batch4_avx(const float* query, const float* const* rows, std::size_t n,
+                             float* out) {
+  distance_16_batch4<V, square_step>(query, rows, n, out);
+}
+float normalize_vector_avx(const float* in, float* out, std::size_t n) {
+  return normalize<V>(in, out, n);
+}
+
+}  // namespace korvex

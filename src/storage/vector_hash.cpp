@@ -1,0 +1,370 @@
+#include "storage/vector_hash.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cfloat>
+#include <cmath>
+#include <new>
+#include <type_traits>
+
+#include "math/metrics.h"
+#include "runtime/log.h"
+#include "storage/persistent_allocator.h"
+#include "storage/vector_store.h"
+
+namespace korvex {
+namespace {
+
+constexpr float ring_step = 0.1f;
+// Nothing is resolved finer than this squared distance: neither points around the anchor nor stars
+// around a point.
+constexpr float near_enough = 0.1f;
+// Radii halve from at most 3.9 and stop below 0.1, so six levels occur; child ids that form a
+// circle in a damaged file end here.
+constexpr int max_depth = 8;
+
+constexpr unsigned pool_block_bytes = 3276800;
+
+static_assert(std::is_trivially_copyable_v<vector_hash_s>);
+
+std::uint32_t load(std::uint32_t& word, std::memory_order order = std::memory_order_relaxed) {
+  return std::atomic_ref(word).load(order);
+}
+
+template <typename T>
+void store(T& word, T value, std::memory_order order = std::memory_order_relaxed) {
+  std::atomic_ref(word).store(value, order);
+}
+
+// A ring or a star as seen from above: who it is and which array hangs below it.
+struct link_ref {
+  std::uint32_t* id;
+  std::uint32_t* lid;
+};
+
+struct scan_result {
+  std::uint32_t used = 0;  // occupied slots
+  vector_hash_star_s* nearest = nullptr;
+  std::uint32_t nearest_id = 0;
+  float distance = FLT_MAX;
+};
+
+float anchor_distance(const vector_hash_s* vh, const vector_hash_node_s* node) {
+  return vh->l2_fn(vh->anchor, node->vector, static_cast<std::size_t>(vh->dim));
+}
+
+// Compared in float before the conversion: NaN and everything beyond the last ring belong to the
+// last ring.
+int ring_of(float r) {
+  const float quotient = (r + 0.05f) / ring_step;
+  constexpr int last = vector_hash_rings - 1;
+  if (!(quotient < static_cast<float>(last))) return last;
+  return quotient > 0 ? static_cast<int>(quotient) : 0;
+}
+
+std::uint32_t width_at(const vector_hash_s* vh, float radius) {
+  if (radius >= 0.799f) return vh->width_wide;
+  return radius >= 0.2f ? vh->width_mid : vh->width_narrow;
+}
+
+// Null unless all slots lie inside one block of the pool: ids of arrays come from the file.
+vector_hash_star_s* fetch_array(vectpool_c* pool, std::uint32_t lid, std::uint32_t width) {
+  const std::uint32_t slots = std::max(width, 1u);
+  const std::uint64_t block = pool->records_per_block();
+  if (std::uint64_t{lid} + slots > pool->size() || lid % block + slots > block) return nullptr;
+  return static_cast<vector_hash_star_s*>(pool->get(lid));
+}
+
+scan_result scan_stars(const vector_hash_s* vh, vector_hash_star_s* slots, std::uint32_t width,
+                       vector_hash_node_s* node, vector_hash_mode mode) {
+  scan_result found;
+  for (; found.used < width; ++found.used) {
+    vector_hash_star_s& star = slots[found.used];
+    const std::uint32_t id = load(star.id, std::memory_order_acquire);
+    if (id == 0) break;
+    const float d = vh->distance(vh->ctx, id, node, mode);
+    if (!(d < found.distance)) continue;
+    found.nearest = &star;
+    found.nearest_id = id;
+    found.distance = d;
+  }
+  return found;
+}
+
+void clear_answer(vector_hash_node_s* answer) {
+  answer->id = 0;
+  answer->placed = answer->placed2 = 0;
+  answer->best = FLT_MAX;
+}
+
+// 0 without an array: nobody reaches the new one before its first slot ends it.
+std::uint32_t make_array(vector_hash_s* vh, std::uint32_t& lid, std::uint32_t width) {
+  unsigned made = 0;
+  auto* slots = static_cast<vector_hash_star_s*>(vh->pool->alloc(&made, width));
+  if (slots == nullptr || made == 0) return 0;
+  store(slots[0].id, 0u);
+  store(slots[0].lid, 0u);
+  store(lid, static_cast<std::uint32_t>(made), std::memory_order_release);
+  std::atomic_ref(vh->arrays).fetch_add(1, std::memory_order_relaxed);
+  return made;
+}
+
+void place_star(vector_hash_s* vh, vector_hash_star_s* slots, std::uint32_t slot,
+                std::uint32_t width, std::uint32_t id) {
+  if (slot + 1 < width) {
+    store(slots[slot + 1].id, 0u);
+    store(slots[slot + 1].lid, 0u);
+  }
+  store(slots[slot].lid, 0u);
+  store(slots[slot].id, id, std::memory_order_release);
+  std::atomic_ref(vh->stars).fetch_add(1, std::memory_order_relaxed);
+}
+
+// One level's array for an add, made when there is none yet; null on a fault.
+vector_hash_star_s* array_for_add(vector_hash_s* vh, link_ref link, std::uint32_t width,
+                                  std::uint32_t node_id, int depth) {
+  const std::uint32_t above = load(*link.id);
+  if (above >= node_id || (depth > 0 && above == 0)) {
+    KORVEX_LOG("*** BUG *** ep->id %u > n->id %u depth %d\n", above, node_id, depth);
+    return nullptr;
+  }
+  std::uint32_t lid = load(*link.lid);
+  if (lid == 0) lid = make_array(vh, *link.lid, width);
+  if (lid == 0) return nullptr;
+  vector_hash_star_s* slots = fetch_array(vh->pool, lid, width);
+  if (slots == nullptr) KORVEX_LOG("*** BUG *** buffer failed for id %u\n", lid);
+  return slots;
+}
+
+int descend(vector_hash_s* vh, vector_hash_link_s& ring, vector_hash_node_s* node,
+            vector_hash_node_s* answer) {
+  float radius = ring.radius;
+  link_ref link{&ring.id, &ring.lid};
+  for (int depth = 0; depth < max_depth; ++depth, radius *= 0.5f) {
+    const std::uint32_t width = width_at(vh, radius);
+    vector_hash_star_s* slots = array_for_add(vh, link, width, node->id, depth);
+    if (slots == nullptr) return -1;
+    answer->placed = 0;
+    if (width < 1) return depth;
+    const scan_result found = scan_stars(vh, slots, width, node, vector_hash_mode_add);
+    if (found.used < width && radius < found.distance && radius < answer->best) {
+      place_star(vh, slots, found.used, width, node->id);
+      answer->placed = answer->placed2 = 1;
+      return depth + 1;
+    }
+    if (found.nearest == nullptr) return depth;
+    // A star that is not older is left over from points that a crash took back: it must not become
+    // an entry point.
+    if (found.distance < answer->best && found.nearest_id < node->id) {
+      answer->best = found.distance;
+      answer->id = found.nearest_id;
+    }
+    if (!(answer->best > near_enough && radius * 0.5f >= ring_step)) return 0;
+    link = {&found.nearest->id, &found.nearest->lid};
+  }
+  return 0;
+}
+
+// Greedy, never back: the nearest star of an array leads to the next one.
+void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring,
+                              vector_hash_node_s* query, vector_hash_node_s* answer) {
+  float radius = ring.radius;
+  link_ref link{&ring.id, &ring.lid};
+  for (int depth = 0; depth < max_depth && radius >= ring_step; ++depth, radius *= 0.5f) {
+    if (depth > 0 && load(*link.id) == 0) {
+      KORVEX_LOG("*** BUG *** null ep id: depth %d\n", depth);
+      return;
+    }
+    const std::uint32_t lid = load(*link.lid, std::memory_order_acquire);
+    if (lid == 0) {
+      if (depth == 0) KORVEX_LOG("*** BUG *** ep->lid zero\n");
+      return;
+    }
+    const std::uint32_t width = width_at(vh, radius);
+    vector_hash_star_s* slots = fetch_array(vh->pool, lid, width);
+    if (slots == nullptr) {
+      KORVEX_LOG("*** BUG *** null l for ep->lid %u\n", lid);
+      return;
+    }
+    const scan_result found = scan_stars(vh, slots, width, query, vector_hash_mode_search);
+    if (found.nearest == nullptr) return;
+    if (found.distance < answer->best) {
+      answer->best = found.distance;
+      answer->id = found.nearest_id;
+    }
+    link = {&found.nearest->id, &found.nearest->lid};
+  }
+}
+
+bool has_stars(vector_hash_link_s& ring) {
+  return load(ring.id) != 0 && load(ring.lid) != 0;
+}
+
+// What a ring and its neighbours have found so far. A ring without stars wipes the answer, but not
+// what it held.
+struct carried_answer {
+  std::uint32_t id = 0;
+  float best = FLT_MAX;
+
+  // Whether the answer is near enough to stop.
+  bool walk_on(vector_hash_s* vh, int ring, vector_hash_node_s* query, vector_hash_node_s* answer,
+               float r) {
+    answer->id = 0;
+    answer->best = r;
+    if (!has_stars(vh->rings[ring])) return false;
+    answer->id = id;
+    answer->best = best;
+    vector_hash_search_point(vh, vh->rings[ring], query, answer);
+    id = answer->id;
+    best = answer->best;
+    return best < near_enough;
+  }
+};
+
+void reset_rings(vector_hash_link_s* rings) {
+  for (int i = 0; i < vector_hash_rings; ++i) rings[i] = {0, 0, 0.0f, 0, FLT_MIN, FLT_MAX};
+}
+
+struct block {
+  void* data;
+  bool loaded;  // from the file, with exactly this size; another size is somebody else's or damaged
+};
+
+block obtain(persistent_malloc_s* pm, long long key, std::uint64_t size) {
+  unsigned old_size = 0;
+  void* data = persistent_malloc(pm, key, size, &old_size);
+  return {data, data != nullptr && old_size == size};
+}
+
+struct hash_blocks {
+  block record, anchor, rings;
+  bool complete() const {
+    return record.data != nullptr && anchor.data != nullptr && rings.data != nullptr;
+  }
+};
+
+void release(persistent_malloc_s* pm, const hash_blocks& blocks) {
+  for (void* data : {blocks.rings.data, blocks.anchor.data, blocks.record.data})
+    if (data != nullptr) persistent_free(pm, data);
+}
+
+// What a reopened hash keeps. Without its anchor the rings say nothing, so the two are kept or
+// dropped together.
+void restore(vector_hash_s& fresh, const hash_blocks& blocks) {
+  if (blocks.anchor.loaded && blocks.rings.loaded) {
+    if (blocks.record.loaded) {
+      const auto* old = static_cast<const vector_hash_s*>(blocks.record.data);
+      fresh.ep_id = old->ep_id;
+      fresh.arrays = old->arrays;
+      fresh.stars = old->stars;
+    }
+  } else {
+    std::fill_n(fresh.anchor, fresh.anchor_len, 0.0f);
+    reset_rings(fresh.rings);
+  }
+  // Never taken from the file: a foreign radius could keep a walk going.
+  for (int i = 0; i < vector_hash_rings; ++i)
+    fresh.rings[i].radius = static_cast<float>(i) * ring_step;
+}
+
+}  // namespace
+
+vector_hash_s* vector_hash_init(int dim, int anchor_len, unsigned width, vectpool_c* pool,
+                                persistent_malloc_s* pm, long long base_key,
+                                vector_hash_distance_fn distance, void* ctx) {
+  if (dim < 1 || anchor_len < dim || pool == nullptr || pm == nullptr) return nullptr;
+  hash_blocks blocks{};
+  blocks.record = obtain(pm, base_key, sizeof(vector_hash_s));
+  blocks.anchor = obtain(pm, base_key + 1, static_cast<std::uint64_t>(anchor_len) * sizeof(float));
+  // Left unused, so that id 0 never names an array.
+  unsigned unused = 0;
+  const bool pool_ready = pool->alloc(&unused, 1) != nullptr;
+  auto* l2 = new (std::nothrow) DistanceL2Square(dim);
+  blocks.rings = obtain(pm, base_key + 2, sizeof(vector_hash_link_s) * vector_hash_rings);
+  if (!blocks.complete() || !pool_ready || l2 == nullptr) {
+    delete l2;
+    release(pm, blocks);
+    return nullptr;
+  }
+  vector_hash_s fresh{};
+  fresh.anchor = static_cast<float*>(blocks.anchor.data);
+  fresh.pool = pool;
+  fresh.rings = static_cast<vector_hash_link_s*>(blocks.rings.data);
+  fresh.dim = dim;
+  fresh.anchor_len = anchor_len;
+  fresh.distance = distance;
+  fresh.ctx = ctx;
+  fresh.width_wide = 4 * width;
+  fresh.width_narrow = width;
+  fresh.width_mid = 2 * width;
+  fresh.ring_count = vector_hash_rings;
+  fresh.l2 = l2;
+  fresh.l2_fn = l2->get_distance_function();
+  restore(fresh, blocks);
+  // Written in one piece: a process that is killed while it opens an index must not leave a record
+  // without its anchor.
+  return new (blocks.record.data) vector_hash_s(fresh);
+}
+
+void vector_hash_destroy(vector_hash_s* vh, persistent_malloc_s* pm) {
+  if (vh == nullptr) return;
+  delete vh->l2;
+  const hash_blocks blocks{{vh, true}, {vh->anchor, true}, {vh->rings, true}};
+  vh->anchor = nullptr;
+  vh->pool = nullptr;
+  vh->rings = nullptr;
+  vh->distance = nullptr;
+  vh->ctx = nullptr;
+  vh->l2 = nullptr;
+  vh->l2_fn = nullptr;
+  release(pm, blocks);
+}
+
+vectpool_c* vector_hash_pool(int kind, vectpool_conf_s* conf) {
+  return new vectpool_c(sizeof(vector_hash_star_s), pool_block_bytes, 1, kind, conf);
+}
+
+void vector_hash_set_ep_id(vector_hash_s* vh, unsigned id, const float* v) {
+  if (load(vh->ep_id) != 0) KORVEX_LOG("entry point was already set: %u\n", id);
+  std::copy_n(v, vh->anchor_len, vh->anchor);
+  store(vh->ep_id, static_cast<std::uint32_t>(id), std::memory_order_release);
+}
+
+int vector_hash_add_point(vector_hash_s* vh, vector_hash_node_s* node, vector_hash_node_s* answer) {
+  clear_answer(answer);
+  const float r = anchor_distance(vh, node);
+  answer->ring = ring_of(r);
+  answer->best = std::isnan(r) ? FLT_MAX : r;
+  vector_hash_link_s& ring = vh->rings[answer->ring];
+  store(ring.id, load(vh->ep_id));
+  std::atomic_ref(ring.count).fetch_add(1, std::memory_order_relaxed);
+  // There is one writer, so a plain test is enough; NaN fails both.
+  if (node->aux < ring.low) store(ring.low, node->aux);
+  if (node->aux > ring.high) store(ring.high, node->aux);
+  return r > near_enough ? descend(vh, ring, node, answer) : 0;
+}
+
+int vector_hash_search(vector_hash_s* vh, vector_hash_node_s* query, vector_hash_node_s* answer) {
+  clear_answer(answer);
+  answer->ring = 0;
+  // Without an anchor no ring has a point; it may be half written by the adding thread.
+  if (load(vh->ep_id, std::memory_order_acquire) == 0) return 0;
+  const float distance = anchor_distance(vh, query);
+  const int g = ring_of(distance);
+  const float r = std::isnan(distance) ? FLT_MAX : distance;
+  answer->ring = g;
+  answer->best = r;
+  vector_hash_link_s& ring = vh->rings[g];
+  if (!has_stars(ring)) return 0;
+  answer->ring_count = static_cast<std::int32_t>(load(ring.count));
+  answer->ring_high = std::atomic_ref(ring.high).load(std::memory_order_relaxed);
+  answer->ring_low = std::atomic_ref(ring.low).load(std::memory_order_relaxed);
+  carried_answer carried;
+  for (const int next : {g, g - 1, g + 1}) {
+    if (next < 0 || next >= vector_hash_rings) continue;
+    if (carried.walk_on(vh, next, query, answer, r)) break;
+  }
+  return 0;
+}
+
+}  // namespace korvex
