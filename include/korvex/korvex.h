@@ -3,15 +3,18 @@
 
 #include <stdint.h>
 
-// The binary contract of Korvex: what a host compiles against. The classes are tables of functions in a fixed order;
-// an operation never moves, disappears or changes its arguments. New programs in C++ may prefer korvex/index.hpp.
+// The binary contract of Korvex: what a host compiles against. The classes are tables of functions
+// in a fixed order; an operation never moves, disappears or changes its arguments. New programs in
+// C++ may prefer korvex/index.hpp.
 //
 // Ids        a vector's id is its position in the order of additions, from 0.
-// Distances  raw values of the chosen metric: squared or plain Euclidean distance, or the dot product (larger is nearer).
-// Failures   nothing is thrown but what the start-up of an index may throw; each call names its failure value, and each
-//            refusal prints one line to the log (standard output, unless told otherwise).
-// Threads    every operation of an index may be called from any thread. Configuration belongs before the first addition
-//            or session. A session runs one query at a time.
+// Distances  raw values of the chosen metric: squared or plain Euclidean distance, or the dot
+//            product (larger is nearer).
+// Failures   nothing is thrown but what the start-up of an index may throw; each call names its
+//            failure value, and each refusal prints one line to the log (standard output, unless
+//            told otherwise).
+// Threads    every operation of an index may be called from any thread. Configuration belongs
+//            before the first addition or session. A session runs one query at a time.
 
 #if defined(_WIN32) || defined(__CYGWIN__)
 #if defined(KORVEX_STATIC)
@@ -27,7 +30,8 @@
 
 struct hnsw_s;
 
-// The answer of one query, nearest first. The arrays belong to the session and live until its next query.
+// The answer of one query, nearest first. The arrays belong to the session and live until its next
+// query.
 struct korvex_results_s {
   uint32_t count;
   uint32_t owned;
@@ -48,7 +52,8 @@ struct korvex_result_dists_s {
   float* distances;
 };
 
-// The answer of a bulk query: row q holds the k ids of query q, nearest first; rows with fewer hits end in zeros.
+// The answer of a bulk query: row q holds the k ids of query q, nearest first; rows with fewer hits
+// end in zeros.
 struct korvex_bulk_results_s {
   uint32_t k;
   uint32_t query_count;
@@ -60,21 +65,25 @@ class Korvex;
 class KorvexQuery;
 class KorvexBulkQuery;
 
-// Implemented by the host. Called on a thread of the engine; may call any operation of the index and of its sessions.
+// Implemented by the host. Called on a thread of the engine; may call any operation of the index
+// and of its sessions.
 class KorvexIndexListener {
  public:
   virtual ~KorvexIndexListener() = default;
-  // The indexed count reached the threshold, or all vectors added so far are indexed. Called once a setIndexListener.
+  // The indexed count reached the threshold, or all vectors added so far are indexed. Called once a
+  // setIndexListener.
   virtual void onIndexReady(Korvex* index, unsigned indexed, unsigned added) = 0;
 };
 
-// Implemented by the host. Called on search threads, onFilter from several at once; no lock is held.
+// Implemented by the host. Called on search threads, onFilter from several at once; no lock is
+// held.
 class KorvexQueryListener {
  public:
   virtual ~KorvexQueryListener() = default;
   // Non-zero excludes the vector `id` from the results.
   virtual int onFilter(KorvexQuery* query, unsigned id) = 0;
-  // The results of the query are ready. May start the next query, read results, or destroy the session.
+  // The results of the query are ready. May start the next query, read results, or destroy the
+  // session.
   virtual int onResults(KorvexQuery* query) = 0;
 };
 
@@ -88,7 +97,7 @@ class KorvexBulkQueryListener {
 // An index. Made by KorvexInstance or KorvexOnDiskInstance, given up with destroy().
 class Korvex {
  public:
-  enum DistanceType {
+  enum DistanceType : int {
     DISTANCE_NONE = 0,
     DISTANCE_L2_SQUARE = 1,
     DISTANCE_L2 = 2,
@@ -97,46 +106,59 @@ class Korvex {
 
   virtual ~Korvex() = default;
   virtual unsigned getId() = 0;
-  // Stops the index and releases it, within 110 ms; sessions that are left over answer with failure values from then on.
+  // Stops the index and releases it, within 110 ms; sessions that are left over answer with failure
+  // values from then on.
   virtual void destroy() = 0;
   // The engine's record of this index, for the functions of korvex/engine.h.
   virtual hnsw_s* get_base(int unused) = 0;
   // 0 makes addVectors add nothing until it is set again; addVector goes on.
   virtual void this_is_preproduction_software(int enable_adding) = 0;
-  // Non-zero (the default): vectors that are not finite are refused and searches look at 2 x k candidates at least.
+  // Non-zero (the default): vectors that are not finite are refused and searches look at 2 x k
+  // candidates at least.
   virtual void validateParameters(int value) = 0;
-  // One notice when all vectors added so far, or at least `threshold` of them, are indexed; now if it is already due.
-  // Set it after adding, or use waitForIndexReady: an index that is filled slowly is complete after each vector.
+  // One notice when all vectors added so far, or at least `threshold` of them, are indexed; now if
+  // it is already due. Set it after adding, or use waitForIndexReady: an index that is filled
+  // slowly is complete after each vector.
   virtual void setIndexListener(KorvexIndexListener* listener, unsigned threshold) = 0;
   // Puts an on-disk index on its device; 0 always, otherwise at most every `min_interval` seconds.
   virtual void syncToDisk(unsigned min_interval) = 0;
 
   // Configuration: takes effect until the first addition or the first session.
-  virtual void setAllocationUnits(unsigned vectors) = 0;            // vectors a storage block, default 1,000,000
-  virtual void enableDiskCache(unsigned long long bytes) = 0;       // below 100: per cent of the memory; on disk only
-  virtual void testDiskPerformance(const char* path, unsigned block_bytes, unsigned file_bytes, int seconds,
-                                   int force) = 0;                  // blocks for about twice `seconds`
-  virtual void enableHugePages(int enable) = 0;                     // default 0
-  virtual void setNUMANode(int node) = 0;                           // default -1: none
-  virtual void setQuantization(int unused) = 0;                     // does nothing
-  virtual void setQuantizationThreshold(float unused) = 0;          // does nothing
-  virtual void setPatternProbes(int probes) = 0;                    // 1..16, default 2; each probe is walked on its own
-  virtual int setConstellationSize(int size) = 0;                   // default 16: up to 32 neighbours. 0, or -1 below 1
-  virtual int setRadius(int radius, int unused) = 0;                // default 100: candidates looked at while building
-  virtual void setThreads(int threads) = 0;                         // indexing threads; 0 links inside addVector
-  virtual void setQueryThreads(int threads, int queue_limit) = 0;   // search threads; queued queries before query() waits
-  virtual void setIndexOptimization(int unused) = 0;                // does nothing
-  virtual void setSearchOptimization(int unused) = 0;               // does nothing
-  virtual void setDistanceType(DistanceType type) = 0;              // default squared Euclidean
-  virtual void setMipsMode() = 0;                                   // does nothing: choose the inner product
-  virtual void setNormalize(int enable) = 0;                        // default 0; 1: unit copies are stored and searched
-  virtual void enableDuplicateDetection(int enable) = 0;            // keeps a filter of indexed vectors
-  virtual int isIndexed(const float* vector) = 0;                   // always 0
+
+  // Vectors a storage block, default 1,000,000.
+  virtual void setAllocationUnits(unsigned vectors) = 0;
+  // Below 100: per cent of the memory. On disk only.
+  virtual void enableDiskCache(unsigned long long bytes) = 0;
+  // Blocks for about twice `seconds`.
+  virtual void testDiskPerformance(const char* path, unsigned block_bytes, unsigned file_bytes,
+                                   int seconds, int force) = 0;
+  virtual void enableHugePages(int enable) = 0;             // default 0
+  virtual void setNUMANode(int node) = 0;                   // default -1: none
+  virtual void setQuantization(int unused) = 0;             // does nothing
+  virtual void setQuantizationThreshold(float unused) = 0;  // does nothing
+  // 1..16, default 2; each probe is walked on its own.
+  virtual void setPatternProbes(int probes) = 0;
+  // Default 16: up to 32 neighbours. 0, or -1 for a size below 1.
+  virtual int setConstellationSize(int size) = 0;
+  // Candidates looked at while building, default 100.
+  virtual int setRadius(int radius, int unused) = 0;
+  virtual void setThreads(int threads) = 0;  // indexing threads; 0 links inside addVector
+  // Search threads; queued queries before query() waits.
+  virtual void setQueryThreads(int threads, int queue_limit) = 0;
+  virtual void setIndexOptimization(int unused) = 0;    // does nothing
+  virtual void setSearchOptimization(int unused) = 0;   // does nothing
+  virtual void setDistanceType(DistanceType type) = 0;  // default squared Euclidean
+  virtual void setMipsMode() = 0;                       // does nothing: choose the inner product
+  virtual void setNormalize(int enable) = 0;  // default 0; 1: unit copies are stored and searched
+  virtual void enableDuplicateDetection(int enable) = 0;  // keeps a filter of indexed vectors
+  virtual int isIndexed(const float* vector) = 0;         // always 0
   virtual int isDuplicate(const float* vector, float threshold) = 0;  // always 0
-  // While mode and option are non-zero, a vector within `threshold` of one that is already there is not linked.
+  // While mode and option are non-zero, a vector within `threshold` of one that is already there is
+  // not linked.
   virtual void setDuplicateThreshold(int mode, float threshold, int option) = 0;
 
-  // The id of the vector, or 0 on failure (0 is also the first id). The label is kept when labels are enabled.
+  // The id of the vector, or 0 on failure (0 is also the first id). The label is kept when labels
+  // are enabled.
   virtual unsigned addVector(const float* vector, int unused, unsigned long long label) = 0;
   // `count` vectors row after row; the first id in the low and the last in the high 32 bits.
   virtual unsigned long long addVectors(const float* vectors, int count, int unused) = 0;
@@ -145,11 +167,12 @@ class Korvex {
   virtual void deleteVectors(unsigned* ids, int count, int undelete) = 0;
   virtual void waitForIndexReady() = 0;
   virtual int isIndexReady() = 0;
-  // On disk only: the files of the index's directory go when the index does. Every *.korvex file of that directory is
-  // deleted, those of other indexes under the same base included.
+  // On disk only: the files of the index's directory go when the index does. Every *.korvex file of
+  // that directory is deleted, those of other indexes under the same base included.
   virtual void destroyIndexOnDelete(int enable) = 0;
 
-  // A session for one query at a time. `radius`: how many candidates a query looks at, at least. Never null.
+  // A session for one query at a time. `radius`: how many candidates a query looks at, at least.
+  // Never null.
   virtual KorvexQuery* createQuerySession(int radius, int k) = 0;
   virtual KorvexBulkQuery* createBulkQuerySession(int radius) = 0;
   virtual KorvexQuery* getQuerySession(unsigned session_id) = 0;
@@ -171,13 +194,14 @@ class KorvexQuery {
   virtual void setUserData(void* data) = 0;
   virtual void* getUserData() = 0;
   virtual int setRadius(int radius) = 0;  // 0, or -1 for a negative radius
-  // Starts a search and returns; 0, or 0xFFFFFFFF when it could not start (the session is busy, nothing was added).
-  // A cache of recent answers serves near repeats. It compares components as whole numbers: scale vectors whose
-  // components lie within (-1, 1), by 10,000 say, which keeps the order of results, or switch the cache to exact keys
-  // (korvex_set_result_cache in korvex/engine.h).
+  // Starts a search and returns; 0, or 0xFFFFFFFF when it could not start (the session is busy,
+  // nothing was added). A cache of recent answers serves near repeats. It compares components as
+  // whole numbers: scale vectors whose components lie within (-1, 1), by 10,000 say, which keeps
+  // the order of results, or switch the cache to exact keys (korvex_set_result_cache in
+  // korvex/engine.h).
   virtual unsigned query(const float* vector, int unused, int k) = 0;
-  virtual unsigned more() = 0;    // continues: the next k results
-  virtual unsigned refine() = 0;  // searches again from what was found
+  virtual unsigned more() = 0;               // continues: the next k results
+  virtual unsigned refine() = 0;             // searches again from what was found
   virtual unsigned filter(unsigned id) = 0;  // this session never returns the id again
   // These wait for the running query. Null without a session.
   virtual korvex_results_s* getResults(int copy) = 0;
@@ -195,8 +219,8 @@ class KorvexBulkQuery {
   virtual void setUserData(void* data) = 0;
   virtual void* getUserData() = 0;
   virtual int setRadius(int radius) = 0;
-  // n queries row after row. With a listener it returns at once and the listener is called when all are answered;
-  // without one it returns when most are. k below 1 means 10. 0, or 0xFFFFFFFF.
+  // n queries row after row. With a listener it returns at once and the listener is called when all
+  // are answered; without one it returns when most are. k below 1 means 10. 0, or 0xFFFFFFFF.
   virtual unsigned query(const float* vectors, int n, int unused, int k) = 0;
   virtual korvex_bulk_results_s* getResultIds(int unused) = 0;  // waits for the whole batch
   virtual void printResults() = 0;
@@ -222,8 +246,9 @@ KORVEX_API int KorvexInterfaceVersion(void);  // 1
 
 // An index in memory, or null. 1 <= dimension <= 1,048,576.
 KORVEX_API Korvex* KorvexInstance(int dimension);
-// An index in files below `path` (null: the user's data folder; empty: in memory), made or opened again. Null when the
-// path, the files or the dimension do not fit, or when the index is open elsewhere.
+// An index in files below `path` (null: the user's data folder; empty: in memory), made or opened
+// again. Null when the path, the files or the dimension do not fit, or when the index is open
+// elsewhere.
 KORVEX_API Korvex* KorvexOnDiskInstance(int dimension, const char* path, const char* name);
 KORVEX_API KorvexUtils* KorvexUtilsInstance(void);
 

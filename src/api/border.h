@@ -18,7 +18,7 @@ inline void log_refusal(const char* operation, const char* reason) {
 template <class Result, class Body>
 Result at_border(const char* operation, Result failure, Body&& body) noexcept {
   try {
-    return static_cast<Result>(body());
+    return body();
   } catch (const std::exception& error) {
     log_refusal(operation, error.what());
   } catch (...) {
@@ -38,10 +38,11 @@ void at_border(const char* operation, Body&& body) noexcept {
 // The same with a claim on the index; `failure` after one line once the index is closed. Nothing of the object that
 // made the call is touched after the body: a callback inside it may have destroyed that object.
 template <class Result, class Body>
-Result with_open_index(korvex_runtime_s* runtime, const char* operation, Result failure, Body&& body) noexcept {
+Result with_open_index(korvex_runtime_s* runtime, const char* operation, Result failure,
+                       Body&& body) noexcept {
   return at_border(operation, failure, [&]() -> Result {
     runtime_use use(runtime);
-    if (use) return static_cast<Result>(body());
+    if (use) return body();
     log_refusal(operation, "the index was destroyed");
     return failure;
   });

@@ -36,11 +36,17 @@ KorvexImpl::~KorvexImpl() {
   if (keep_registration_.load() == 0) s_instance_manager.release(instance_id_);
 }
 
-unsigned KorvexImpl::getId() { return instance_id_; }
+unsigned KorvexImpl::getId() {
+  return instance_id_;
+}
 
-void KorvexImpl::destroy() { delete this; }
+void KorvexImpl::destroy() {
+  delete this;
+}
 
-hnsw_s* KorvexImpl::get_base(int) { return base_; }
+hnsw_s* KorvexImpl::get_base(int) {
+  return base_;
+}
 
 void KorvexImpl::this_is_preproduction_software(int enable_adding) {
   add_enabled_.store(static_cast<std::uint32_t>(enable_adding));
@@ -52,14 +58,19 @@ void KorvexImpl::validateParameters(int value) {
 }
 
 void KorvexImpl::setIndexListener(KorvexIndexListener* listener, unsigned threshold) {
-  korvex_runtime_s& runtime = *base_->runtime;
-  index_listener_.store(listener);
-  runtime.ready_threshold.store(threshold);
-  runtime.ready_context.store(this);
-  runtime.ready_callback.store(korvex_index_ready_callback);
-  std::atomic_thread_fence(std::memory_order_seq_cst);
-  // May call the listener, which may destroy this object.
-  at_border("setIndexListener", [base = base_] { korvex_notify_ready(base); });
+  // Once the callback is in place the listener may be called, here or on another thread, and may destroy this object.
+  hnsw_s* const base = base_;
+  with_open_index(base->runtime, "setIndexListener", 0, [&] {
+    korvex_runtime_s& runtime = *base->runtime;
+    runtime.ready_callback.store(nullptr);  // the old notice must not fire for the new listener
+    index_listener_.store(listener);
+    runtime.ready_threshold.store(threshold);
+    runtime.ready_context.store(this);
+    // A full fence: whoever counts a vector after the look below sees the callback.
+    runtime.ready_callback.exchange(korvex_index_ready_callback);
+    korvex_notify_ready(base);
+    return 0;
+  });
 }
 
 void KorvexImpl::syncToDisk(unsigned min_interval) {
@@ -67,10 +78,17 @@ void KorvexImpl::syncToDisk(unsigned min_interval) {
 }
 
 void KorvexImpl::waitForIndexReady() {
-  at_border("waitForIndexReady", [&] { korvex_wait_finish_adding(base_); });
+  // The caller may link, and then calls a listener that may destroy this object.
+  hnsw_s* const base = base_;
+  with_open_index(base->runtime, "waitForIndexReady", 0, [base] {
+    korvex_wait_finish_adding(base);
+    return 0;
+  });
 }
 
-int KorvexImpl::isIndexReady() { return korvex_has_finish_adding(base_); }
+int KorvexImpl::isIndexReady() {
+  return korvex_has_finish_adding(base_);
+}
 
 KorvexQuery* KorvexImpl::createQuerySession(int radius, int k) {
   auto query = at_border("createQuerySession", std::unique_ptr<KorvexQueryImpl>(),
@@ -96,17 +114,21 @@ float KorvexImpl::distance(const float* a, const float* b) {
   return korvex_get_distance_internal(base_, a, b);
 }
 
-float KorvexImpl::distance(unsigned id, const float* vector) { return korvex_get_distance_ext(base_, id, vector); }
+float KorvexImpl::distance(unsigned id, const float* vector) {
+  return korvex_get_distance_ext(base_, id, vector);
+}
 
 void KorvexImpl::normalize(float* vector, int dimension) {
-  if (vector == nullptr || dimension < 0) return log_refusal("normalize", "a null vector or a negative dimension");
+  if (vector == nullptr || dimension < 0)
+    return log_refusal("normalize", "a null vector or a negative dimension");
   normalize_vector(vector, vector, static_cast<std::size_t>(dimension));
 }
 
 int korvex_index_ready_callback(void* context, std::uint32_t indexed, std::uint32_t added) {
   auto* const index = static_cast<KorvexImpl*>(context);
   KorvexIndexListener* const listener = index->getIndexListener();
-  if (listener != nullptr) at_border("onIndexReady", [&] { listener->onIndexReady(index, indexed, added); });
+  if (listener != nullptr)
+    at_border("onIndexReady", [&] { listener->onIndexReady(index, indexed, added); });
   return 0;
 }
 

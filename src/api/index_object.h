@@ -78,9 +78,6 @@ class KorvexImpl final : public Korvex {
  private:
   KorvexImpl() = default;
 
-  std::unique_lock<std::mutex> lock_first_addition();
-  std::uint32_t add_labelled(const float* vector, std::uint64_t label);
-
   static instance_registry s_instance_manager;
 
   hnsw_s* base_ = nullptr;
@@ -89,9 +86,8 @@ class KorvexImpl final : public Korvex {
   std::atomic<KorvexIndexListener*> index_listener_{nullptr};
   std::uint32_t instance_id_ = 0;
 
-  // Held around additions while nothing has been added: 0 is both the first id and the failure value, and only who
-  // adds alone can tell them apart.
-  std::mutex first_addition_;
+  // Held around additions while nothing has been added; whoever holds it keeps it alive.
+  const std::shared_ptr<std::mutex> first_addition_ = std::make_shared<std::mutex>();
 };
 
 // The engine's ready notice, with the index object as its context.

@@ -22,12 +22,16 @@ int refuse_option(const char* operation) {
 
 }  // namespace
 
-void KorvexImpl::setAllocationUnits(unsigned vectors) { korvex_set_alloc_units(base_, vectors, 0); }
+void KorvexImpl::setAllocationUnits(unsigned vectors) {
+  korvex_set_alloc_units(base_, vectors, 0);
+}
 
-void KorvexImpl::enableDiskCache(unsigned long long bytes) { korvex_set_max_ram_usage(base_, bytes); }
+void KorvexImpl::enableDiskCache(unsigned long long bytes) {
+  korvex_set_max_ram_usage(base_, bytes);
+}
 
-void KorvexImpl::testDiskPerformance(const char* path, unsigned block_bytes, unsigned file_bytes, int seconds,
-                                     int force) {
+void KorvexImpl::testDiskPerformance(const char* path, unsigned block_bytes, unsigned file_bytes,
+                                     int seconds, int force) {
   if (path == nullptr) return log_refusal("testDiskPerformance", "a null path");
   at_border("testDiskPerformance", [&] {
     disk_iops_s iops{-1, -1};
@@ -35,20 +39,27 @@ void KorvexImpl::testDiskPerformance(const char* path, unsigned block_bytes, uns
                                     file_bytes == 0 ? default_probe_file : file_bytes,
                                     seconds < 0 ? 0 : static_cast<unsigned>(seconds), force, &iops);
     if (code >= 0)
-      KORVEX_LOG("Disk IOPS%s: read %.6lf write %.6lf\n", code != 0 ? " (cached)" : "", iops.read, iops.write);
+      KORVEX_LOG("Disk IOPS%s: read %.6lf write %.6lf\n", code != 0 ? " (cached)" : "", iops.read,
+                 iops.write);
     if (iops.read < slow_reads || iops.write < slow_writes) disk_perf_warning();
   });
 }
 
-void KorvexImpl::enableHugePages(int enable) { korvex_enable_huges_pages(base_, enable); }
+void KorvexImpl::enableHugePages(int enable) {
+  korvex_enable_huges_pages(base_, enable);
+}
 
-void KorvexImpl::setNUMANode(int node) { korvex_set_numa_node(base_, node); }
+void KorvexImpl::setNUMANode(int node) {
+  korvex_set_numa_node(base_, node);
+}
 
 void KorvexImpl::setQuantization(int) {}
 
 void KorvexImpl::setQuantizationThreshold(float) {}
 
-void KorvexImpl::setPatternProbes(int probes) { korvex_set_partitions(base_, probes); }
+void KorvexImpl::setPatternProbes(int probes) {
+  korvex_set_partitions(base_, probes);
+}
 
 int KorvexImpl::setConstellationSize(int size) {
   if (size <= 0) return refuse_option("setConstellationSize");
@@ -78,9 +89,13 @@ void KorvexImpl::setDistanceType(DistanceType type) {
   at_border("setDistanceType", [&] { korvex_set_distance_type(base_, type); });
 }
 
-void KorvexImpl::setMipsMode() { korvex_set_mips_mode(base_); }
+void KorvexImpl::setMipsMode() {
+  korvex_set_mips_mode(base_);
+}
 
-void KorvexImpl::setNormalize(int enable) { korvex_set_normalize(base_, enable); }
+void KorvexImpl::setNormalize(int enable) {
+  korvex_set_normalize(base_, enable);
+}
 
 void KorvexImpl::enableDuplicateDetection(int enable) {
   at_border("enableDuplicateDetection", [&] { korvex_enable_index_check(base_, enable); });
@@ -90,6 +105,8 @@ void KorvexImpl::setDuplicateThreshold(int mode, float threshold, int option) {
   korvex_set_duplicate_threshold(base_, mode, threshold, option);
 }
 
-void KorvexImpl::destroyIndexOnDelete(int enable) { korvex_destroy_disk_index(base_, enable); }
+void KorvexImpl::destroyIndexOnDelete(int enable) {
+  korvex_destroy_disk_index(base_, enable);
+}
 
 }  // namespace korvex

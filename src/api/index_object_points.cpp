@@ -8,27 +8,44 @@
 // Adding and deleting vectors.
 namespace korvex {
 
-// Empty once something has been added, so that a listener that is called from an addition may add as well.
-std::unique_lock<std::mutex> KorvexImpl::lock_first_addition() {
-  if (load_counter(base_->added) != 0) return {};
-  std::unique_lock lock(first_addition_);
-  if (load_counter(base_->added) != 0) lock.unlock();
-  return lock;
-}
+namespace {
 
-std::uint32_t KorvexImpl::add_labelled(const float* vector, std::uint64_t label) {
-  const std::unique_lock<std::mutex> alone = lock_first_addition();
-  const std::uint32_t id = korvex_add(base_, vector, label);
-  if (id != 0 || (alone.owns_lock() && load_counter(base_->added) != 0)) korvex_set_label(base_, id, label);
-  return id;
-}
+// 0 is both the first id and the failure value; only who adds alone can tell them apart. So additions exclude each
+// other while nothing has been added; later ones, such as those of a listener that the first one calls, do not ask.
+class first_addition {
+ public:
+  first_addition(const hnsw_s* base, std::shared_ptr<std::mutex> mutex) : mutex_(std::move(mutex)) {
+    if (load_counter(base->added) != 0) return;
+    lock_ = std::unique_lock(*mutex_);
+    if (load_counter(base->added) != 0) lock_.unlock();
+  }
+  // Whether an addition that returned 0 within this object's life has succeeded.
+  bool succeeded(const hnsw_s* base) const {
+    return lock_.owns_lock() && load_counter(base->added) != 0;
+  }
+
+ private:
+  std::shared_ptr<std::mutex> mutex_;
+  std::unique_lock<std::mutex> lock_;
+};
+
+}  // namespace
+
+// An addition may link and then calls the ready listener, which may destroy the index: the claim keeps the engine's
+// half, and nothing of this object is used after the additions.
 
 unsigned KorvexImpl::addVector(const float* vector, int, unsigned long long label) {
   if (vector == nullptr) {
     log_refusal("addVector", "a null vector");
     return 0;
   }
-  return at_border("addVector", 0u, [&] { return add_labelled(vector, label); });
+  hnsw_s* const base = base_;
+  return with_open_index(base->runtime, "addVector", 0u, [&] {
+    const first_addition first(base, first_addition_);
+    const std::uint32_t id = korvex_add(base, vector, label);
+    if (id != 0 || first.succeeded(base)) korvex_set_label(base, id, label);
+    return id;
+  });
 }
 
 unsigned long long KorvexImpl::addVectors(const float* vectors, int count, int) {
@@ -37,17 +54,19 @@ unsigned long long KorvexImpl::addVectors(const float* vectors, int count, int) 
     log_refusal("addVectors", "no vectors");
     return 0;
   }
-  return at_border("addVectors", 0ull, [&] {
-    const std::unique_lock<std::mutex> alone = lock_first_addition();
+  hnsw_s* const base = base_;
+  return with_open_index(base->runtime, "addVectors", 0ull, [&] {
+    const first_addition alone(base, first_addition_);
     std::uint32_t first = 0;
     std::uint32_t last = 0;
-    korvex_add_multiple(base_, vectors, count, &first, &last);
+    korvex_add_multiple(base, vectors, count, &first, &last);
     return first | static_cast<unsigned long long>(last) << 32;
   });
 }
 
 void KorvexImpl::deleteVector(unsigned id, int undelete) {
-  if (korvex_delete(base_, id, undelete) < 0) KORVEX_LOG_CRITICAL("deleteVector: there is no vector %u\n", id);
+  if (korvex_delete(base_, id, undelete) < 0)
+    KORVEX_LOG_CRITICAL("deleteVector: there is no vector %u\n", id);
 }
 
 void KorvexImpl::deleteVectors(unsigned* ids, int count, int undelete) {
@@ -56,8 +75,13 @@ void KorvexImpl::deleteVectors(unsigned* ids, int count, int undelete) {
   for (int i = 0; i < count; ++i) deleteVector(ids[i], undelete);
 }
 
-int KorvexImpl::isIndexed(const float* vector) { return korvex_is_indexed(base_, vector); }
+int KorvexImpl::isIndexed(const float* vector) {
+  if (vector == nullptr) log_refusal("isIndexed", "a null vector");
+  return korvex_is_indexed(base_, vector);
+}
 
-int KorvexImpl::isDuplicate(const float*, float) { return 0; }
+int KorvexImpl::isDuplicate(const float*, float) {
+  return 0;
+}
 
 }  // namespace korvex

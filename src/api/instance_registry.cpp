@@ -16,7 +16,8 @@ constexpr std::uint32_t first_free_capacity = 128;
 // Zero-filled, or null.
 template <class T>
 T* allocate(std::size_t count) {
-  return platform::fault_injected(platform::fault_point::heap) ? nullptr : new (std::nothrow) T[count]();
+  return platform::fault_injected(platform::fault_point::heap) ? nullptr
+                                                               : new (std::nothrow) T[count]();
 }
 
 }  // namespace
@@ -44,7 +45,8 @@ std::uint32_t instance_registry::add(KorvexImpl* object) {
   locked guard(this);
   const std::uint32_t id = free_count_ != 0 ? free_ids_[--free_count_] : next_id_.fetch_add(1);
   slot_table* const table = table_for(id);
-  if (table != nullptr && id < table->capacity) table->slots[id].store(object, std::memory_order_release);
+  if (table != nullptr && id < table->capacity)
+    table->slots[id].store(object, std::memory_order_release);
   return id;
 }
 
@@ -91,8 +93,10 @@ instance_registry::slot_table* instance_registry::table_for(std::uint32_t id) {
   if (table != nullptr && id < table->capacity) return table;
   slot_table* const larger = make_table(table == nullptr ? first_capacity : 2 * table->capacity);
   if (larger == nullptr) return table;
-  for (std::uint32_t slot = 1; table != nullptr && slot < table->capacity; ++slot)  // id 0 is never issued
-    larger->slots[slot].store(table->slots[slot].load(std::memory_order_relaxed), std::memory_order_relaxed);
+  for (std::uint32_t slot = 1; table != nullptr && slot < table->capacity;
+       ++slot)  // id 0 is never issued
+    larger->slots[slot].store(table->slots[slot].load(std::memory_order_relaxed),
+                              std::memory_order_relaxed);
   larger->replaced = table;
   table_.store(larger, std::memory_order_release);
   return larger;

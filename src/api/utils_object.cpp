@@ -20,13 +20,21 @@ int KorvexUtilsIml::deleteFiles(const char* directory, int, const char* extensio
   return deleted;
 }
 
-unsigned KorvexUtilsIml::getRandom32() { return random_u32(); }
+unsigned KorvexUtilsIml::getRandom32() {
+  return random_u32();
+}
 
-unsigned KorvexUtilsIml::getRandom32Max(unsigned max) { return random_u32_max(max); }
+unsigned KorvexUtilsIml::getRandom32Max(unsigned max) {
+  return random_u32_max(max);
+}
 
-unsigned long long KorvexUtilsIml::getRandom64() { return random_u64(); }
+unsigned long long KorvexUtilsIml::getRandom64() {
+  return random_u64();
+}
 
-double KorvexUtilsIml::getRandom() { return random_double(); }
+double KorvexUtilsIml::getRandom() {
+  return random_double();
+}
 
 KorvexUtils* utils_instance() {
   static KorvexUtilsIml instance;

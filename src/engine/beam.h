@@ -7,8 +7,9 @@
 
 namespace korvex {
 
-// The nearest points that a walk has met, in ascending order of their keys; of equal keys the newest comes first.
-// One sorted array: insertion is a search over a few cache lines and a short move, no pointers.
+// The nearest points that a walk has met, in ascending order of their keys; of equal keys the
+// newest comes first. One sorted array: insertion is a search over a few cache lines and a short
+// move, no pointers.
 // Threads     one walk at a time.
 class walk_beam {
  public:
@@ -16,8 +17,11 @@ class walk_beam {
     float key;
     std::uint32_t id;
     std::uint16_t hops;
-    std::uint16_t expanded;
+    std::uint16_t marks;
   };
+  static constexpr std::uint16_t expanded = 1;
+  // by the caller's filter: leads on, but is no answer
+  static constexpr std::uint16_t rejected = 2;
 
   // Empties the beam and makes room for `capacity` entries. False when memory is short.
   bool reset(std::uint32_t capacity) {
@@ -40,12 +44,12 @@ class walk_beam {
   }
 
   // Puts an entry before all others whose key is not smaller. False when the beam is full.
-  bool insert(float key, std::uint32_t id, std::uint16_t hops) {
+  bool insert(float key, std::uint32_t id, std::uint16_t hops, std::uint16_t marks = 0) {
     if (size_ == capacity_) return false;
     const std::uint32_t position = lower_bound(key);
     entry* const place = entries_.get() + position;
     std::memmove(place + 1, place, (size_ - position) * sizeof(entry));
-    *place = entry{key, id, hops, 0};
+    *place = entry{key, id, hops, marks};
     ++size_;
     if (position < cursor_) cursor_ = position;
     return true;
@@ -60,7 +64,7 @@ class walk_beam {
 
   // The first entry that was not expanded, or size(). Every insertion before it moves it back.
   std::uint32_t first_unexpanded() {
-    while (cursor_ < size_ && entries_[cursor_].expanded != 0) ++cursor_;
+    while (cursor_ < size_ && (entries_[cursor_].marks & expanded) != 0) ++cursor_;
     return cursor_;
   }
 
@@ -73,7 +77,8 @@ class walk_beam {
       base += base[half - 1].key < key ? half : 0;
       length -= half;
     }
-    return static_cast<std::uint32_t>(base - entries_.get()) + (length == 1 && base->key < key ? 1u : 0u);
+    return static_cast<std::uint32_t>(base - entries_.get()) +
+           (length == 1 && base->key < key ? 1u : 0u);
   }
 
   std::unique_ptr<entry[]> entries_;

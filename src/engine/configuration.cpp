@@ -14,13 +14,9 @@
 
 namespace korvex {
 
-namespace {
-
-bool started(const hnsw_s* hnsw) { return load_counter(hnsw->memory_initialised) != 0; }
-
-}  // namespace
-
-hnsw_s* korvex_alloc() { return static_cast<hnsw_s*>(std::calloc(1, sizeof(hnsw_s))); }
+hnsw_s* korvex_alloc() {
+  return static_cast<hnsw_s*>(std::calloc(1, sizeof(hnsw_s)));
+}
 
 void korvex_validate_parameters(hnsw_s* hnsw, int value) {
   if (hnsw != nullptr) hnsw->validate_parameters = static_cast<std::uint32_t>(value);
@@ -41,7 +37,8 @@ void korvex_set_parallel_search_jobs(hnsw_s* hnsw, int jobs) {
 }
 
 void korvex_set_partitions(hnsw_s* hnsw, int partitions) {
-  if (hnsw != nullptr && partitions > 0) hnsw->pattern_probes = static_cast<std::uint32_t>(partitions);
+  if (hnsw != nullptr && partitions > 0)
+    hnsw->pattern_probes = static_cast<std::uint32_t>(partitions);
 }
 
 void korvex_set_disk_index(hnsw_s* hnsw, const char* directory) {
@@ -55,12 +52,13 @@ int korvex_destroy_disk_index(hnsw_s* hnsw, int destroy) {
   hnsw->destroy_on_delete = static_cast<std::uint32_t>(destroy);
   if (destroy == 0) return 1;
   return KORVEX_LOG_CRITICAL(
-      "Warning: Korvex index files will be deleted when the Korvex instance is removed. Use this option for testing "
+      "Warning: Korvex index files will be deleted when the Korvex instance is removed. Use this "
+      "option for testing "
       "only; avoid it in production.\n");
 }
 
 void korvex_set_alloc_units(hnsw_s* hnsw, unsigned units, int flag) {
-  if (hnsw == nullptr || started(hnsw)) return;
+  if (hnsw == nullptr || is_started(hnsw)) return;
   hnsw->allocation_units_flag = static_cast<std::uint32_t>(flag);
   hnsw->allocation_units = units;
 }
@@ -93,7 +91,8 @@ void korvex_set_numa_node(hnsw_s* hnsw, int node) {
 void korvex_set_debug_id(hnsw_s*, unsigned, int) {}
 
 void korvex_print_debug_info(hnsw_s* hnsw) {
-  if (hnsw != nullptr) KORVEX_LOG("max search count: %u nid %u\n", hnsw->max_search_count, hnsw->nid);
+  if (hnsw != nullptr)
+    KORVEX_LOG("max search count: %u nid %u\n", hnsw->max_search_count, hnsw->nid);
 }
 
 int korvex_init_log(hnsw_s* hnsw, int enabled) {
@@ -106,7 +105,9 @@ int korvex_init_log(hnsw_s* hnsw, int enabled) {
 }
 
 void korvex_set_distance_type(hnsw_s* hnsw, int type) {
-  if (hnsw == nullptr || (type != DISTANCE_L2_SQUARE && type != DISTANCE_L2 && type != DISTANCE_INNER_PRODUCT)) return;
+  if (hnsw == nullptr ||
+      (type != DISTANCE_L2_SQUARE && type != DISTANCE_L2 && type != DISTANCE_INNER_PRODUCT))
+    return;
   std::lock_guard lock(hnsw->runtime->startup_lock);
   korvex_select_metric(hnsw, static_cast<korvex_distance_type>(type));
 }
@@ -143,12 +144,13 @@ void korvex_enable_index_check(hnsw_s* hnsw, int enable) {
   korvex_runtime_s& runtime = *hnsw->runtime;
   std::scoped_lock locks(runtime.startup_lock, runtime.insert_lock);
   hnsw->index_check = static_cast<std::uint32_t>(enable);
-  if (started(hnsw) && enable != 0 && hnsw->bloom == nullptr) korvex_create_bloom(hnsw);
+  if (is_started(hnsw) && enable != 0 && hnsw->bloom == nullptr) korvex_create_bloom(hnsw);
 }
 
 int korvex_is_indexed(hnsw_s* hnsw, const float* vector) {
   if (hnsw == nullptr || vector == nullptr) return 0;
-  if (scalable_bloom_filters_s* const bloom = std::atomic_ref(hnsw->bloom).load(std::memory_order_acquire))
+  if (scalable_bloom_filters_s* const bloom =
+          std::atomic_ref(hnsw->bloom).load(std::memory_order_acquire))
     sbf_exists(bloom, vector, hnsw->dimension * sizeof(float));
   return 0;
 }

@@ -5,18 +5,21 @@
 
 #include "engine/record.h"
 
-// Creation of an index record and its options. Options are for the thread that creates the index, before the first
-// addition or session: the start-up freezes what the engine reads. A null record yields the failure value.
+// Creation of an index record and its options. Options are for the thread that creates the index,
+// before the first addition or session: the start-up freezes what the engine reads. A null record
+// yields the failure value.
 namespace korvex {
 
 // A zero-filled heap block of the record's size, or null.
 hnsw_s* korvex_alloc();
 
-// Creates an index, or opens the one that `base_path` and `name` lead to. A null or empty path: in memory.
+// Creates an index, or opens the one that `base_path` and `name` lead to. A null or empty path: in
+// memory.
 // Requirements  1 <= dimension <= 1,048,576; a name without path separators
-// Failure       null after one line: single processor, unusable path, a file that is damaged, in use or of another
-//               dimension or instance. The file is left as it was.
-hnsw_s* korvex_init(std::uint32_t dimension, std::uint8_t instance_id, const char* base_path, const char* index_name);
+// Failure       null after one line: single processor, unusable path, a file that is damaged, in
+//               use or of another dimension or instance. The file is left as it was.
+hnsw_s* korvex_init(std::uint32_t dimension, std::uint8_t instance_id, const char* base_path,
+                    const char* index_name);
 
 void korvex_validate_parameters(hnsw_s* hnsw, int value);
 void korvex_set_threads(hnsw_s* hnsw, int threads);
@@ -49,9 +52,9 @@ void korvex_set_duplicate_threshold(hnsw_s* hnsw, int mode, float threshold, int
 void korvex_enable_index_check(hnsw_s* hnsw, int enable);
 // Asks the Bloom filter about a vector; always answers 0.
 int korvex_is_indexed(hnsw_s* hnsw, const float* vector);
-// How the process-wide cache of results serves this index: 0 not at all; 1 (default) nearly equal queries share
-// answers, where components that truncate to the same integers count as equal; 2 only an identical query is answered
-// from the cache. Any time.
+// How the process-wide cache of results serves this index: 0 not at all; 1 (default) nearly equal
+// queries share answers, where components that truncate to the same integers count as equal; 2 only
+// an identical query is answered from the cache. Any time.
 int korvex_set_result_cache(hnsw_s* hnsw, int mode);
 
 }  // namespace korvex

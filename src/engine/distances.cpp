@@ -30,8 +30,10 @@ float stored_magnitude(const korvex_runtime_s& runtime, std::uint32_t id) {
   return record == nullptr ? -1.0f : *static_cast<const float*>(record);
 }
 
-// Rings, capture radii and their limits are squared distances of unit vectors; every metric is brought to that scale.
-float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored, const vector_hash_node_s& n, int mode) {
+// Rings, capture radii and their limits are squared distances of unit vectors; every metric is
+// brought to that scale.
+float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored,
+                    const vector_hash_node_s& n, int mode) {
   const bool inner_product = hnsw->distance_type == DISTANCE_INNER_PRODUCT;
   const float* const other = mode == vector_hash_mode_search && !inner_product ? n.query : n.vector;
   const float magnitude = stored_magnitude(*hnsw->runtime, id);
@@ -47,7 +49,7 @@ float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored, const 
 }  // namespace
 
 float korvex_get_distance_internal(hnsw_s* hnsw, std::uint32_t id, const float* v) {
-  const float* const stored = vector_of(*hnsw->runtime, id);
+  const float* const stored = is_started(hnsw) ? vector_of(*hnsw->runtime, id) : nullptr;
   return stored == nullptr || v == nullptr ? missing(hnsw, id) : raw_distance(hnsw, stored, v);
 }
 
@@ -59,7 +61,8 @@ float korvex_get_distance_ext(hnsw_s* hnsw, std::uint32_t id, const float* v) {
 
 float korvex_get_distance_internal(hnsw_s* hnsw, const float* a, const float* b) {
   if (hnsw == nullptr || a == nullptr || b == nullptr) return largest_float;
-  if (hnsw->runtime->distance_function.load(std::memory_order_acquire) == nullptr) return largest_float;
+  if (hnsw->runtime->distance_function.load(std::memory_order_acquire) == nullptr)
+    return largest_float;
   return raw_distance(hnsw, a, b);
 }
 

@@ -6,8 +6,8 @@
 #include "engine/record.h"
 #include "storage/vector_hash.h"
 
-// Distances between stored points and vectors, raw: in the metric's own value and direction. A missing point is logged
-// and counts as infinitely far.
+// Distances between stored points and vectors, raw: in the metric's own value and direction. A
+// missing point is logged and counts as infinitely far.
 namespace korvex {
 
 // Internal id against a vector; public id (internal - 1) against a vector; two vectors.
@@ -15,12 +15,13 @@ float korvex_get_distance_internal(hnsw_s* hnsw, std::uint32_t id, const float* 
 float korvex_get_distance_ext(hnsw_s* hnsw, std::uint32_t id, const float* v);
 float korvex_get_distance_internal(hnsw_s* hnsw, const float* a, const float* b);
 
-// The vector hash's distance: on the squared scale of unit vectors whatever the metric. Mode 1 corrects for the stored
-// magnitude; the cached form reads through the data cache in search mode.
+// The vector hash's distance: on the squared scale of unit vectors whatever the metric. Mode 1
+// corrects for the stored magnitude; the cached form reads through the data cache in search mode.
 float korvex_get_hash_distance(void* hnsw, unsigned id, vector_hash_node_s* n, int mode);
 float korvex_get_hash_distance_cached(void* hnsw, unsigned id, vector_hash_node_s* n, int mode);
 
-// Distance between a stored point (internal id) and a unit vector, for placing points in norm rings.
+// Distance between a stored point (internal id) and a unit vector, for placing points in norm
+// rings.
 float korvex_get_norm_distance(hnsw_s* hnsw, std::uint32_t id, const float* unit);
 
 // Multiplies v by a factor that falls with its magnitude; nothing while expand_setting is 0.

@@ -31,9 +31,13 @@ struct claimed_point {
   handover_s handover{};
 };
 
-bool stopping(const hnsw_s* hnsw) { return load_counter(hnsw->stop_indexing) != 0; }
+bool stopping(const hnsw_s* hnsw) {
+  return load_counter(hnsw->stop_indexing) != 0;
+}
 
-void count_networked(hnsw_s* hnsw) { std::atomic_ref(hnsw->networked).fetch_add(1); }
+void count_networked(hnsw_s* hnsw) {
+  std::atomic_ref(hnsw->networked).fetch_add(1);
+}
 
 // The scratch of one linking thread, for its whole life: linking allocates nothing per point.
 class linker {
@@ -44,7 +48,8 @@ class linker {
     second_ = korvex_nbrs_alloc(hnsw, static_cast<int>(2 * runtime_.neighbour_count));
     session_.visited = bitstore_init(visited_bits);
     session_.beam = beam;
-    int32find_init(&conmap_, static_cast<int>(std::max(1024u, 4 * runtime_.neighbour_count)), "conmap");
+    int32find_init(&conmap_, static_cast<int>(std::max(1024u, 4 * runtime_.neighbour_count)),
+                   "conmap");
   }
   ~linker() {
     korvex_nbrs_free(candidates_);
@@ -55,7 +60,9 @@ class linker {
   linker(const linker&) = delete;
   linker& operator=(const linker&) = delete;
 
-  bool ready() const { return candidates_ != nullptr && second_ != nullptr && session_.visited != nullptr; }
+  bool ready() const {
+    return candidates_ != nullptr && second_ != nullptr && session_.visited != nullptr;
+  }
 
   // Walks from the entry; the key of the nearest candidate, or the largest float.
   float search(std::uint32_t id, std::uint32_t entry) {
@@ -71,7 +78,8 @@ class linker {
     }
     const korvex_node_s node{id, vector};
     korvex_search_candidates(hnsw_, &session_, candidates_, &node, entry, nullptr);
-    const auto* const first = static_cast<const korvex_nelem_s*>(candidates_->candidates->peek_front());
+    const auto* const first =
+        static_cast<const korvex_nelem_s*>(candidates_->candidates->peek_front());
     return first == nullptr ? largest_float : first->distance;
   }
 
@@ -112,20 +120,23 @@ bool settled(const korvex_runtime_s& runtime, std::uint32_t id) {
   if (runtime.settled.contains(id)) return true;
   const std::uint8_t* const flags = flags_of(runtime, id);
   return flags == nullptr ||
-         (std::atomic_ref<std::uint8_t>(const_cast<std::uint8_t&>(*flags)).load() & flag_duplicate) != 0;
+         (std::atomic_ref<std::uint8_t>(const_cast<std::uint8_t&>(*flags)).load() &
+          flag_duplicate) != 0;
 }
 
 // Links one point from its hand-over; counts it whatever comes of it.
 class point_linking {
  public:
-  point_linking(hnsw_s* hnsw, linker* tools) : hnsw_(hnsw), runtime_(*hnsw->runtime), tools_(*tools) {}
+  point_linking(hnsw_s* hnsw, linker* tools)
+      : hnsw_(hnsw), runtime_(*hnsw->runtime), tools_(*tools) {}
 
   void link(const claimed_point& point) {
     const std::uint32_t seed = probe_seed(hnsw_, probe_of(hnsw_, point.id));
     if (point.handover.entry == 0)
       KORVEX_LOG("*** BUG *** ep_id not passed to thread: nid %u l %p\n", point.id,
                  graph_of(runtime_, point.id).address());
-    const std::uint32_t entry = point.handover.entry == 0 ? 0 : usable_entry(hnsw_, point.handover.entry, seed);
+    const std::uint32_t entry =
+        point.handover.entry == 0 ? 0 : usable_entry(hnsw_, point.handover.entry, seed);
     if (entry != 0 && entry != point.id) {
       nearest_key_ = tools_.search(point.id, entry);
       if (stopping(hnsw_)) return;
@@ -166,7 +177,8 @@ bool needs_no_linking(const hnsw_s* hnsw, const claimed_point& point) {
          is_seed(hnsw, point.id);
 }
 
-// An indexing thread: takes points under add_lock, links them, and ends itself when nothing comes for a while.
+// An indexing thread: takes points under add_lock, links them, and ends itself when nothing comes
+// for a while.
 class indexing_thread {
  public:
   explicit indexing_thread(hnsw_s* hnsw) : hnsw_(hnsw), runtime_(*hnsw->runtime) {}
@@ -212,11 +224,12 @@ class indexing_thread {
       bool waits_for_entries = false;
       {
         std::lock_guard lock(runtime_.add_lock);
-        if (stopping(hnsw_)) return retire();
-        if (take(point)) return true;
+        if (!stopping(hnsw_) && take(point)) return true;
         waits_for_entries = runtime_.deferred_count != 0;
         const bool idle_too_long = platform::time_ms() - idle_since >= idle_wait_ms;
-        if (!waits_for_entries && (idle_too_long || runtime_.stop_adding.load() != 0)) return retire();
+        const bool may_go =
+            !waits_for_entries && (idle_too_long || runtime_.stop_adding.load() != 0);
+        if ((may_go || stopping(hnsw_)) && retire()) return false;
         announce_wait();
       }
       wait(waits_for_entries);
@@ -224,28 +237,37 @@ class indexing_thread {
     }
   }
 
-  // Under add_lock. Counted before the last look at `added`: a publisher after that look sees the count.
+  // Under add_lock. Counted before the last look at `added` and the stop flag: who changes one of
+  // them after that look sees the count, or sets the condition after it was reset here.
   void announce_wait() {
     runtime_.cond_waiters.fetch_add(1);
     cond_reset(&runtime_.add_cond);
   }
 
   void wait(bool waits_for_entries) {
-    if (std::atomic_ref(hnsw_->added).load() != std::atomic_ref(hnsw_->taken).load()) return;
+    if (stopping(hnsw_) || untaken()) return;
     if (waits_for_entries)
       platform::sleep_usec(deferred_poll_usec);
     else
       cond_wait_timeout(&runtime_.add_cond, idle_wait_ms);
   }
 
+  bool untaken() const {
+    return std::atomic_ref(hnsw_->added).load() != std::atomic_ref(hnsw_->taken).load();
+  }
+
+  // Under add_lock. A publisher counts its point and then looks for threads; here the order is the
+  // other way round, so one of the two sees the other. False: a point came, the thread stays.
   bool retire() {
     runtime_.running_threads.fetch_sub(1);
+    if (stopping(hnsw_) || !untaken()) return true;
+    runtime_.running_threads.fetch_add(1);
     return false;
   }
 
   void retire_without_work() {
     std::lock_guard lock(runtime_.add_lock);
-    retire();
+    runtime_.running_threads.fetch_sub(1);
   }
 
   // Under add_lock.
@@ -287,7 +309,8 @@ class indexing_thread {
   // A point is linked only after its entry point, except when the entry opens its probe.
   bool defer(const claimed_point& point) {
     const std::uint32_t entry = point.handover.entry;
-    if (entry <= runtime_.probe_count || is_seed(hnsw_, entry) || has_neighbours(runtime_, entry)) return false;
+    if (entry <= runtime_.probe_count || is_seed(hnsw_, entry) || has_neighbours(runtime_, entry))
+      return false;
     std::lock_guard lock(runtime_.add_lock);
     if (runtime_.deferred_count == deferred_capacity || settled(runtime_, entry)) return false;
     runtime_.deferred[runtime_.deferred_count++] = {point.id, entry, platform::time_usec()};
@@ -322,9 +345,9 @@ void link_inline(hnsw_s* hnsw, std::uint32_t id) {
     linking.link_duplicates_too();
     linking.link(point);
     if (linking.nearest_key() < largest_float)
-      hnsw->linked_distance_sum += static_cast<double>(runtime.direction.load() * linking.nearest_key());
+      hnsw->linked_distance_sum +=
+          static_cast<double>(runtime.direction.load() * linking.nearest_key());
   }
-  korvex_notify_ready(hnsw);
 }
 
 // Whether every id up to `last` is linked. Points that came later do not count.
@@ -373,7 +396,8 @@ class progress_estimate {
     const auto whole = static_cast<std::uint32_t>(estimate);
     const auto part = static_cast<std::uint32_t>(static_cast<double>(whole) * 0.75);
     if (round_++ > 0 && (whole > 10'000 || part >= 501))
-      KORVEX_LOG("networked %u total %u estimated in %u ms (%.6f)\n", networked, added, whole, rate_);
+      KORVEX_LOG("networked %u total %u estimated in %u ms (%.6f)\n", networked, added, whole,
+                 rate_);
     if (whole == 0) return 1;
     return whole > 10'000 ? 10'000 : std::max(part, 1u);
   }
@@ -428,12 +452,12 @@ void korvex_launch_threads(hnsw_s* hnsw, int n) {
 
 int korvex_has_finish_adding(hnsw_s* hnsw) {
   if (hnsw == nullptr) return 0;
-  if (hnsw->runtime->indexing_threads == 0) return 1;
+  if (!is_started(hnsw) || hnsw->runtime->indexing_threads == 0) return 1;
   return load_counter(hnsw->networked) >= load_counter(hnsw->added) ? 1 : 0;
 }
 
 void korvex_wait_finish_adding(hnsw_s* hnsw) {
-  if (hnsw == nullptr) return;
+  if (hnsw == nullptr || !is_started(hnsw)) return;
   korvex_runtime_s& runtime = *hnsw->runtime;
   const std::uint32_t last = load_counter(hnsw->added);
   if (runtime.indexing_threads == 0 || indexing_for == &runtime || linked_up_to(hnsw, last)) return;
@@ -441,7 +465,7 @@ void korvex_wait_finish_adding(hnsw_s* hnsw) {
   runtime.stop_adding.store(1);
   progress_estimate estimate(hnsw);
   while (!stopping(hnsw) && !linked_up_to(hnsw, last)) {
-    korvex_launch_threads(hnsw, runtime.indexing_threads);
+    if (runtime.running_threads.load() == 0) korvex_launch_threads(hnsw, runtime.indexing_threads);
     if (runtime.running_threads.load() == 0) link_on_caller(hnsw);
     sleep_while_linking(hnsw, last, estimate.next_sleep_ms());
   }

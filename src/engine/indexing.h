@@ -7,16 +7,17 @@
 
 namespace korvex {
 
-// Counts a point whose records are complete and wakes the indexing threads, or links it here when there are none.
-// Under the insert lock; ids come in order.
+// Counts a point whose records are complete and wakes the indexing threads, or links it here when
+// there are none; the caller gives the ready notice then, once it has left the lock. Under the
+// insert lock; ids come in order.
 void korvex_publish(hnsw_s* hnsw, std::uint32_t id);
 
 // Starts up to n indexing threads while fewer than the configured number run.
 void korvex_launch_threads(hnsw_s* hnsw, int n);
 
 int korvex_has_finish_adding(hnsw_s* hnsw);
-// Returns once every point that was added before the call is linked, or the index is being torn down. At once on an
-// indexing thread of the index, which would wait for itself.
+// Returns once every point that was added before the call is linked, or the index is being torn
+// down. At once on an indexing thread of the index, which would wait for itself.
 void korvex_wait_finish_adding(hnsw_s* hnsw);
 
 // Fires the ready notice when it is due; once, until a new callback is set.

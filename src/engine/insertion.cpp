@@ -41,8 +41,8 @@ class insertion {
   }
 
  private:
-  // Takes an id and a record for it in every store. An id whose records could not be completed stays for the next
-  // addition, so that ids keep their order.
+  // Takes an id and a record for it in every store. An id whose records could not be completed
+  // stays for the next addition, so that ids keep their order.
   bool allocate() {
     unsigned id = runtime_.spare_id;
     if (id == 0 && runtime_.store[vector_store]->alloc(&id, 1) == nullptr) {
@@ -74,17 +74,19 @@ class insertion {
   }
 
   bool store_vector() {
-    graph_of(runtime_, id_).clear_handover();
+    graph_ = graph_of(runtime_, id_);
     stored_ = static_cast<float*>(record_of(runtime_, vector_store, id_));
-    if (stored_ == nullptr) {
+    if (!graph_ || stored_ == nullptr) {
       KORVEX_LOG("*** BUG *** null buffer for id: %u\n", id_);
       KORVEX_LOG_CRITICAL("vector buffer failed\n");
       return false;
     }
+    graph_.clear_handover();
     std::memcpy(stored_, v_, hnsw_->vector_bytes);
     if (hnsw_->normalize != 0) normalize_vector(stored_, stored_, hnsw_->dimension);
     korvex_expand_vector(hnsw_, stored_);
-    runtime_.last_magnitude = normalize_vector(stored_, runtime_.unit_scratch.get(), hnsw_->dimension);
+    runtime_.last_magnitude =
+        normalize_vector(stored_, runtime_.unit_scratch.get(), hnsw_->dimension);
     *static_cast<float*>(record_of(runtime_, magnitude_store, id_)) = runtime_.last_magnitude;
     std::atomic_ref<std::uint8_t>(*flags_of(runtime_, id_)).store(0);
     return true;
@@ -106,7 +108,8 @@ class insertion {
     }
     const float distance = korvex_get_norm_distance(hnsw_, 1, runtime_.unit_scratch.get());
     const float quotient = hnsw_->probe_step > 0.0f ? distance / hnsw_->probe_step : 0.0f;
-    const auto ring = static_cast<std::uint32_t>(std::clamp(quotient, 0.0f, static_cast<float>(norm_buckets - 1)));
+    const auto ring = static_cast<std::uint32_t>(
+        std::clamp(quotient, 0.0f, static_cast<float>(norm_buckets - 1)));
     if (ring < 1) return false;
     probe_ = hnsw_->probe_slots[ring];
     if (probe_ != 0 || hnsw_->probes_made >= runtime_.probe_count) return false;
@@ -135,31 +138,31 @@ class insertion {
   // The id keeps its place in the order, hidden and never linked.
   std::uint32_t refuse_linking() {
     set_flags(runtime_, id_, flag_deleted);
-    graph_of(runtime_, id_).set_slot(3, unlinkable_marker);
+    graph_.set_slot(3, unlinkable_marker);
     publish();
     return 0;
   }
 
   void make_seed() {
     std::atomic_ref(hnsw_->probes[probe_].seed).store(id_, std::memory_order_release);
-    std::atomic_ref(hnsw_->max_seed).store(std::max(hnsw_->max_seed, id_), std::memory_order_release);
+    std::atomic_ref(hnsw_->max_seed)
+        .store(std::max(hnsw_->max_seed, id_), std::memory_order_release);
     vector_hash_set_ep_id(runtime_.hash[probe_], id_, runtime_.unit_scratch.get());
-    graph_record graph = graph_of(runtime_, id_);
-    graph.set_slot(0, 0);
-    graph.set_slot(3, seed_marker);
+    graph_.set_slot(0, 0);
+    graph_.set_slot(3, seed_marker);
     publish();
   }
 
   void hand_over() {
-    graph_record graph = graph_of(runtime_, id_);
-    graph.set_slot(1, entry_);
-    graph.set_slot(2, star_);
+    graph_.set_slot(1, entry_);
+    graph_.set_slot(2, star_);
     publish();
   }
 
   void publish() {
     if (hnsw_->norm_probing == 0)
-      std::atomic_ref(hnsw_->probes_made).store(std::max(hnsw_->probes_made, std::min(id_, runtime_.probe_count)));
+      std::atomic_ref(hnsw_->probes_made)
+          .store(std::max(hnsw_->probes_made, std::min(id_, runtime_.probe_count)));
     runtime_.spare_id = 0;
     korvex_publish(hnsw_, id_);
   }
@@ -173,6 +176,7 @@ class insertion {
   korvex_runtime_s& runtime_;
   const float* const v_;
   float* stored_ = nullptr;
+  graph_record graph_;
   std::uint32_t id_ = 0;
   std::uint32_t probe_ = 0;
   std::uint32_t entry_ = 0;
@@ -182,7 +186,8 @@ class insertion {
 }  // namespace
 
 bool all_finite(const float* v, std::uint32_t dimension) {
-  // A sum of v - v stays 0 exactly when no component is infinite or not a number; one pass without branches.
+  // A sum of v - v stays 0 exactly when no component is infinite or not a number; one pass without
+  // branches.
   float sum = 0.0f;
   for (std::uint32_t i = 0; i < dimension; ++i) sum += v[i] - v[i];
   return sum == 0.0f;
@@ -198,18 +203,26 @@ std::uint32_t korvex_add(hnsw_s* hnsw, const float* v, std::uint64_t) {
   runtime.multi_done.store(0);
   runtime.stop_adding.store(0);
   korvex_init_memory(hnsw);
-  std::lock_guard lock(runtime.insert_lock);
-  return insertion(hnsw, v).run();
+  std::uint32_t id = 0;
+  {
+    std::lock_guard lock(runtime.insert_lock);
+    id = insertion(hnsw, v).run();
+  }
+  // Linked by this thread: the host may add from its callback, so no lock is held.
+  if (runtime.indexing_threads == 0) korvex_notify_ready(hnsw);
+  return id;
 }
 
-void korvex_add_multiple(hnsw_s* hnsw, const float* v, int n, std::uint32_t* first, std::uint32_t* last) {
-  *first = 0;
-  *last = 0;
-  if (hnsw == nullptr || v == nullptr || n <= 0) return;
-  for (int i = 0; i < n; ++i) {
-    *last = korvex_add(hnsw, v + static_cast<std::size_t>(i) * hnsw->dimension, 0);
-    if (i == 0) *first = *last;
+void korvex_add_multiple(hnsw_s* hnsw, const float* v, int n, std::uint32_t* first,
+                         std::uint32_t* last) {
+  std::uint32_t ids[2] = {0, 0};
+  for (int i = 0; hnsw != nullptr && v != nullptr && i < n; ++i) {
+    ids[1] = korvex_add(hnsw, v + static_cast<std::size_t>(i) * hnsw->dimension, 0);
+    if (i == 0) ids[0] = ids[1];
   }
+  if (first != nullptr) *first = ids[0];
+  if (last != nullptr) *last = ids[1];
+  if (hnsw == nullptr || v == nullptr) return;
   if (n > 1) hnsw->runtime->multi_done.store(1);
 }
 

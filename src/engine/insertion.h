@@ -7,13 +7,18 @@
 
 namespace korvex {
 
-// Stores one vector and hands it to the linking. The public id, or 0 on failure after one line; 0 is also the id of the
-// first point, and only the growth of `added` tells the two apart. The label is stored by the caller.
-// Threads   any; additions exclude each other. Once it has returned, a search that starts later sees the vector.
-// Failure   throws only what the start-up throws; a vector that is not finite is refused while parameters are checked
+// Stores one vector and hands it to the linking. The public id, or 0 on failure after one line; 0
+// is also the id of the first point, and only the growth of `added` tells the two apart. The label
+// is stored by the caller.
+// Threads   any; additions exclude each other. Once it has returned, a search that starts later
+//           sees the vector.
+// Failure   throws only what the start-up throws; a vector that is not finite is refused while
+//           parameters are checked
 std::uint32_t korvex_add(hnsw_s* hnsw, const float* v, std::uint64_t label);
-// n vectors row after row; the first and the last result.
-void korvex_add_multiple(hnsw_s* hnsw, const float* v, int n, std::uint32_t* first, std::uint32_t* last);
+// n vectors row after row; the first and the last result, 0 when nothing was to be added. Outputs
+// may be null.
+void korvex_add_multiple(hnsw_s* hnsw, const float* v, int n, std::uint32_t* first,
+                         std::uint32_t* last);
 
 // Whether every component is a number that arithmetic can bear.
 bool all_finite(const float* v, std::uint32_t dimension);

@@ -15,7 +15,8 @@ constexpr int max_repositions = 10;
 
 float key_between(const korvex_runtime_s& runtime, const float* a, const float* b) {
   const distance_kernel distance = runtime.distance_function.load(std::memory_order_acquire);
-  return key_of(runtime.direction.load(std::memory_order_relaxed), distance(a, b, runtime.dimension));
+  return key_of(runtime.direction.load(std::memory_order_relaxed),
+                distance(a, b, runtime.dimension));
 }
 
 const float* vector_or_report(const korvex_runtime_s& runtime, std::uint32_t id) {
@@ -32,8 +33,8 @@ void prefetch_vector(const korvex_runtime_s& runtime, std::uint32_t id) {
 }
 
 // Whether no chosen neighbour is nearer to the candidate than the node is.
-bool diverse(const korvex_runtime_s& runtime, const korvex_nbrs_s& nbrs, std::uint32_t chosen, const float* candidate,
-             float key) {
+bool diverse(const korvex_runtime_s& runtime, const korvex_nbrs_s& nbrs, std::uint32_t chosen,
+             const float* candidate, float key) {
   if (candidate == nullptr) return true;
   for (std::uint32_t i = 0; i < chosen; ++i) {
     const float* const other = nbrs.selection_vectors[i];
@@ -63,7 +64,8 @@ std::uint32_t select(const korvex_runtime_s& runtime, korvex_nbrs_s* nbrs, std::
 }
 
 // The end mark first, the last slot first, slot 0 last: a reader never runs over old words.
-void write_list(graph_record graph, const korvex_nbrs_s& nbrs, std::uint32_t chosen, std::uint32_t neighbour_count) {
+void write_list(graph_record graph, const korvex_nbrs_s& nbrs, std::uint32_t chosen,
+                std::uint32_t neighbour_count) {
   if (chosen < neighbour_count) graph.set_slot(chosen, 0);
   for (std::uint32_t i = chosen; i-- > 0;) graph.set_slot(i, nbrs.selection[i]);
   graph.set_worst(chosen != 0 ? nbrs.distances[chosen - 1] : 0.0f);
@@ -74,7 +76,8 @@ enum class lock_result { taken, busy, missing };
 lock_result try_lock(const korvex_runtime_s& runtime, std::uint32_t id) {
   std::uint8_t* const flags = flags_of(runtime, id);
   if (flags == nullptr) return lock_result::missing;
-  const std::uint8_t before = std::atomic_ref<std::uint8_t>(*flags).fetch_or(flag_link_lock, std::memory_order_acquire);
+  const std::uint8_t before =
+      std::atomic_ref<std::uint8_t>(*flags).fetch_or(flag_link_lock, std::memory_order_acquire);
   return (before & flag_link_lock) == 0 ? lock_result::taken : lock_result::busy;
 }
 
@@ -114,13 +117,16 @@ class reverse_link {
     if (count == 0 || key > graph.worst()) graph.set_worst(key);
   }
 
-  void reselect(std::uint32_t neighbour, const float* vector, const graph_record& graph, float key) {
+  void reselect(std::uint32_t neighbour, const float* vector, const graph_record& graph,
+                float key) {
     korvex_nbrs_reset(hnsw_, second_);
-    for (std::uint32_t i = 0; i < runtime_.neighbour_count; ++i) prefetch_vector(runtime_, graph.slot(i));
+    for (std::uint32_t i = 0; i < runtime_.neighbour_count; ++i)
+      prefetch_vector(runtime_, graph.slot(i));
     for (std::uint32_t i = 0; i < runtime_.neighbour_count; ++i) {
       const std::uint32_t id = graph.slot(i);
       const float* const other = vector_or_report(runtime_, id);
-      if (other != nullptr) korvex_nbrs_add(second_, id, key_between(runtime_, vector, other), 0, 0);
+      if (other != nullptr)
+        korvex_nbrs_add(second_, id, key_between(runtime_, vector, other), 0, 0);
     }
     korvex_nbrs_add(second_, node_, key, 0, 0);
     korvex_select_nbrs(hnsw_, second_, neighbour, runtime_.neighbour_count, true);
@@ -202,21 +208,23 @@ class connection {
 
 }  // namespace
 
-void korvex_select_nbrs(hnsw_s* hnsw, korvex_nbrs_s* nbrs, std::uint32_t node, std::uint32_t max, bool copy) {
+void korvex_select_nbrs(hnsw_s* hnsw, korvex_nbrs_s* nbrs, std::uint32_t node, std::uint32_t max,
+                        bool copy) {
   const korvex_runtime_s& runtime = *hnsw->runtime;
   graph_record graph = graph_of(runtime, node);
   if (!graph) {
     KORVEX_LOG_CRITICAL("get graph failed for id: %u\n", node);
     return;
   }
-  // Chosen on the side either way; without `copy` the list reads as empty while its neighbours are chosen.
+  // Chosen on the side either way; without `copy` the list reads as empty while its neighbours are
+  // chosen.
   if (!copy) {
     graph.set_slot(0, 0);
     graph.set_worst(0.0f);
   }
   const std::uint32_t chosen = select(runtime, nbrs, std::min(max, runtime.neighbour_count));
-  // The caller of `copy` holds the bit. Otherwise somebody may be adding an early reverse link; holders never wait, so
-  // this one may.
+  // The caller of `copy` holds the bit. Otherwise somebody may be adding an early reverse link;
+  // holders never wait, so this one may.
   lock_result own = copy ? lock_result::missing : try_lock(runtime, node);
   while (own == lock_result::busy) {
     std::this_thread::yield();
@@ -226,8 +234,8 @@ void korvex_select_nbrs(hnsw_s* hnsw, korvex_nbrs_s* nbrs, std::uint32_t node, s
   if (own == lock_result::taken) unlock(runtime, node);
 }
 
-void korvex_connect_nbrs(hnsw_s* hnsw, korvex_nbrs_s* nbrs, korvex_nbrs_s* second, std::uint32_t node,
-                         int32find_s* conmap) {
+void korvex_connect_nbrs(hnsw_s* hnsw, korvex_nbrs_s* nbrs, korvex_nbrs_s* second,
+                         std::uint32_t node, int32find_s* conmap) {
   korvex_select_nbrs(hnsw, nbrs, node, std::max(hnsw->runtime->neighbour_count / 2, 1u), false);
   connection(hnsw, second, node, conmap).run();
 }

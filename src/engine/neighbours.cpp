@@ -13,7 +13,8 @@ korvex_nbrs_s* korvex_nbrs_alloc(hnsw_s* hnsw, int capacity) {
   if (nbrs == nullptr) return nullptr;
   nbrs->capacity = capacity;
   nbrs->worst = largest_float;
-  nbrs->elements = blockpool_create(sizeof(korvex_nelem_s), static_cast<std::size_t>(std::max(capacity, 2)));
+  nbrs->elements =
+      blockpool_create(sizeof(korvex_nelem_s), static_cast<std::size_t>(std::max(capacity, 2)));
   nbrs->candidates = new (std::nothrow) sortedlist_c(0, nullptr, nullptr);
   nbrs->results = new (std::nothrow) sortedlist_c(0, nullptr, nullptr);
   nbrs->beam = new (std::nothrow) walk_beam;
@@ -65,7 +66,8 @@ int korvex_nbrs_add(korvex_nbrs_s* nbrs, std::uint32_t id, float distance, int h
   return 0;
 }
 
-bool korvex_nbrs_take_front(korvex_nbrs_s* nbrs, std::uint32_t* id, float* distance, std::uint16_t* hops) {
+bool korvex_nbrs_take_front(korvex_nbrs_s* nbrs, std::uint32_t* id, float* distance,
+                            std::uint16_t* hops) {
   auto* element = static_cast<korvex_nelem_s*>(nbrs->candidates->front());
   if (element == nullptr) return false;
   *id = element->id;

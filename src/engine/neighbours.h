@@ -13,7 +13,8 @@ namespace korvex {
 
 inline constexpr std::uint32_t max_dropped = 10;
 
-// One candidate of a working list; the link's payload is the element itself, its tag the expanded mark.
+// One candidate of a working list; the link's payload is the element itself, its tag the expanded
+// mark.
 struct __attribute__((packed, aligned(4))) korvex_nelem_s {
   std::uint32_t id;
   float distance;
@@ -21,12 +22,15 @@ struct __attribute__((packed, aligned(4))) korvex_nelem_s {
   std::uint16_t word;
   linklist_link_s link;
 };
-static_assert(sizeof(korvex_nelem_s) == 44 && offsetof(korvex_nelem_s, link) == 12, "carved from 44-byte blocks");
+static_assert(sizeof(korvex_nelem_s) == 44 && offsetof(korvex_nelem_s, link) == 12,
+              "carved from 44-byte blocks");
 
-inline linklist_link_s* korvex_nbrs_elem_to_link(korvex_nelem_s* element) { return &element->link; }
+inline linklist_link_s* korvex_nbrs_elem_to_link(korvex_nelem_s* element) {
+  return &element->link;
+}
 
-// A working list: what a walk found, and the room that selecting neighbours needs. Distances in it are keys, smaller
-// is nearer.
+// A working list: what a walk found, and the room that selecting neighbours needs. Distances in it
+// are keys, smaller is nearer.
 // Threads     one at a time; every engine thread keeps its own for its whole life.
 struct korvex_nbrs_s {
   float worst;
@@ -34,7 +38,7 @@ struct korvex_nbrs_s {
   std::int32_t evaluations;
   std::int32_t dropped_count;
   std::uint32_t dropped[max_dropped];  // ids that a query walk trimmed off its tail last
-  float* distances;                    // of the selected neighbours, parallel to the slots being written
+  float* distances;  // of the selected neighbours, parallel to the slots being written
   sortedlist_c* candidates;
   sortedlist_c* results;
   blockpool_s* elements;
@@ -50,7 +54,8 @@ void korvex_nbrs_free(korvex_nbrs_s* nbrs);
 // Adds a candidate at its place by `distance`. 0, or -1 when no element is left.
 int korvex_nbrs_add(korvex_nbrs_s* nbrs, std::uint32_t id, float distance, int hops, int tag);
 // Unlinks the nearest candidate and gives its element back. False when the list is empty.
-bool korvex_nbrs_take_front(korvex_nbrs_s* nbrs, std::uint32_t* id, float* distance, std::uint16_t* hops = nullptr);
+bool korvex_nbrs_take_front(korvex_nbrs_s* nbrs, std::uint32_t* id, float* distance,
+                            std::uint16_t* hops = nullptr);
 
 }  // namespace korvex
 

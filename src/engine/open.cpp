@@ -38,16 +38,16 @@ struct index_location {
 
 bool refuse_single_core() {
   if (platform::processor_count() != 1) return false;
-  const std::string_view lines[] = {
-      ":Single-Core CPU Detected \u2013 Korvex Disabled", "-",
-      "Korvex requires a multi-core CPU for optimal performance. Since most modern CPUs are multi-core, running it on a "
-      "single-core processor is neither practical nor supported."};
+  const std::string_view lines[] = {":Single-Core CPU Detected \u2013 Korvex Disabled", "-",
+                                    "Korvex requires a multi-core CPU for optimal performance. "
+                                    "Since most modern CPUs are multi-core, running it on a "
+                                    "single-core processor is neither practical nor supported."};
   print_text_box(log_fp(), lines, box_columns);
   return true;
 }
 
-// A base that already names the library's folder loses that component: the directory gets it once. Only the backslash
-// separates here; forward slashes stay as they are.
+// A base that already names the library's folder loses that component: the directory gets it once.
+// Only the backslash separates here; forward slashes stay as they are.
 std::string_view normalised_base(std::string_view base) {
   const auto drop_backslashes = [&base] {
     while (!base.empty() && base.back() == '\\') base.remove_suffix(1);
@@ -61,13 +61,15 @@ std::string_view normalised_base(std::string_view base) {
 }
 
 // Creates the directory of an index. False after the line.
-bool locate(const char* base_path, const char* index_name, unsigned instance_id, index_location* out) {
+bool locate(const char* base_path, const char* index_name, unsigned instance_id,
+            index_location* out) {
   nvme_check_disk(base_path);
   out->name = index_name != nullptr && *index_name != '\0' ? index_name : default_name;
   const std::string base(normalised_base(base_path));
   out->directory = base + "/" + product_folder + "/" + std::to_string(instance_id);
   out->file = out->directory + "/" + out->name + ".korvex";
-  KORVEX_LOG("Korvex Index Path: On-Disk (%.*s/%s/)\n", static_cast<int>(base.size()), base.c_str(), product_folder);
+  KORVEX_LOG("Korvex Index Path: On-Disk (%.*s/%s/)\n", static_cast<int>(base.size()), base.c_str(),
+             product_folder);
   int error = 0;
   if (out->name.find_first_of("/\\") != std::string::npos)
     error = EINVAL;
@@ -112,10 +114,12 @@ bool record_matches(const hnsw_s& stored, std::uint32_t dimension, std::uint8_t 
     return stored.distance_type == DISTANCE_NONE || stored.distance_type == DISTANCE_L2_SQUARE ||
            stored.distance_type == DISTANCE_L2 || stored.distance_type == DISTANCE_INNER_PRODUCT;
   };
-  return stored.dimension == dimension && stored.instance_id == instance_id && stored.element_bytes == 4 &&
-         stored.id_bytes == 4 && stored.neighbour_capacity >= 1 && stored.neighbour_capacity <= (1u << 20) &&
-         (stored.shape_valid == 0 || (stored.shape_capacity >= 1 && stored.shape_capacity <= (1u << 20) &&
-                                      stored.shape_probes >= 1 && stored.shape_probes <= max_probes)) &&
+  return stored.dimension == dimension && stored.instance_id == instance_id &&
+         stored.element_bytes == 4 && stored.id_bytes == 4 && stored.neighbour_capacity >= 1 &&
+         stored.neighbour_capacity <= (1u << 20) &&
+         (stored.shape_valid == 0 ||
+          (stored.shape_capacity >= 1 && stored.shape_capacity <= (1u << 20) &&
+           stored.shape_probes >= 1 && stored.shape_probes <= max_probes)) &&
          metric_known();
 }
 
@@ -147,8 +151,8 @@ bool bind_to_process(hnsw_s* hnsw, persistent_malloc_s* manager, const index_loc
   return true;
 }
 
-hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& location, std::uint32_t dimension,
-                         std::uint8_t instance_id) {
+hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& location,
+                         std::uint32_t dimension, std::uint8_t instance_id) {
   unsigned stored_bytes = 0;
   auto* const hnsw =
       static_cast<hnsw_s*>(persistent_malloc(manager, record_block, sizeof(hnsw_s), &stored_bytes));
@@ -171,7 +175,8 @@ hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& loc
 
 persistent_malloc_s* open_manager(const index_location& location) {
   if (location.directory.empty()) return persistent_malloc_init(nullptr, 0);
-  persistent_malloc_s* const manager = persistent_malloc_init(location.file.c_str(), index_file_bytes);
+  persistent_malloc_s* const manager =
+      persistent_malloc_init(location.file.c_str(), index_file_bytes);
   if (manager == nullptr || persistent_malloc_lock(manager) == 0) return manager;
   persistent_malloc_destroy(manager);
   return nullptr;
@@ -179,7 +184,8 @@ persistent_malloc_s* open_manager(const index_location& location) {
 
 }  // namespace
 
-hnsw_s* korvex_init(std::uint32_t dimension, std::uint8_t instance_id, const char* base_path, const char* index_name) {
+hnsw_s* korvex_init(std::uint32_t dimension, std::uint8_t instance_id, const char* base_path,
+                    const char* index_name) {
   korvex_process_start();
   if (refuse_single_core()) return nullptr;
   if (dimension < 1 || dimension > max_dimension) {

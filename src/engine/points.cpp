@@ -18,16 +18,20 @@ std::uint64_t* label_word(hnsw_s* hnsw, std::uint32_t public_id) {
   return static_cast<std::uint64_t*>(word);
 }
 
-bool labels_on(const hnsw_s* hnsw) { return hnsw != nullptr && hnsw->runtime->labels; }
+bool labels_on(const hnsw_s* hnsw) {
+  return hnsw != nullptr && is_started(hnsw) && hnsw->runtime->labels;
+}
 
 }  // namespace
 
 float graph_record::worst() const {
-  return std::bit_cast<float>(std::atomic_ref<std::uint32_t>(words_[0]).load(std::memory_order_relaxed));
+  return std::bit_cast<float>(
+      std::atomic_ref<std::uint32_t>(words_[0]).load(std::memory_order_relaxed));
 }
 
 void graph_record::set_worst(float key) {
-  std::atomic_ref<std::uint32_t>(words_[0]).store(std::bit_cast<std::uint32_t>(key), std::memory_order_relaxed);
+  std::atomic_ref<std::uint32_t>(words_[0]).store(std::bit_cast<std::uint32_t>(key),
+                                                  std::memory_order_relaxed);
 }
 
 void graph_record::clear_handover() {
@@ -47,14 +51,15 @@ std::uint8_t clear_flags(const korvex_runtime_s& runtime, std::uint32_t id, std:
 }
 
 int korvex_is_flag_set_internal(hnsw_s* hnsw, std::uint32_t id, int mask) {
-  if (hnsw == nullptr) return 0;
+  if (hnsw == nullptr || !is_started(hnsw)) return 0;
   std::uint8_t* const flags = flags_of(*hnsw->runtime, id);
   if (flags == nullptr) return 0;
-  return (std::atomic_ref<std::uint8_t>(*flags).load(std::memory_order_acquire) & mask) != 0 ? 1 : 0;
+  return (std::atomic_ref<std::uint8_t>(*flags).load(std::memory_order_acquire) & mask) != 0 ? 1
+                                                                                             : 0;
 }
 
 std::uint32_t* korvex_get_list(hnsw_s* hnsw, std::uint32_t id) {
-  if (hnsw == nullptr) return nullptr;
+  if (hnsw == nullptr || !is_started(hnsw)) return nullptr;
   auto* const record = static_cast<std::uint32_t*>(record_of(*hnsw->runtime, graph_store, id));
   return record == nullptr ? nullptr : record + 1;
 }
@@ -83,7 +88,9 @@ void korvex_set_data(hnsw_s* hnsw, std::uint32_t id, void* data, int) {
 }
 
 int korvex_delete(hnsw_s* hnsw, std::uint32_t id, int undelete) {
-  if (hnsw == nullptr || id == no_public_id || flags_of(*hnsw->runtime, id + 1) == nullptr) return -1;
+  if (hnsw == nullptr || !is_started(hnsw) || id == no_public_id ||
+      flags_of(*hnsw->runtime, id + 1) == nullptr)
+    return -1;
   if (undelete == 0)
     set_flags(*hnsw->runtime, id + 1, flag_deleted);
   else

@@ -6,8 +6,8 @@
 
 #include "engine/runtime.h"
 
-// Access to the per-point records by internal id. A record is missing when its id was never handed out; the stores
-// themselves do not check.
+// Access to the per-point records by internal id. A record is missing when its id was never handed
+// out; the stores themselves do not check.
 namespace korvex {
 
 inline constexpr std::uint8_t flag_data = 1;
@@ -16,8 +16,9 @@ inline constexpr std::uint8_t flag_duplicate = 4;
 inline constexpr std::uint8_t flag_link_lock = 128;
 inline constexpr std::uint8_t flags_hidden = flag_deleted | flag_duplicate;
 
-// One point's neighbours in the graph store: the largest key among them, then neighbour_count ids; the first 0 ends
-// the list. Readers take no lock: an id is stored with release only after all that it names is complete.
+// One point's neighbours in the graph store: the largest key among them, then neighbour_count ids;
+// the first 0 ends the list. Readers take no lock: an id is stored with release only after all that
+// it names is complete.
 class graph_record {
  public:
   graph_record() = default;
@@ -77,8 +78,9 @@ std::uint32_t probe_seed(const hnsw_s* hnsw, std::uint32_t probe);
 // The probe of a point under round-robin placing.
 std::uint32_t probe_of(const hnsw_s* hnsw, std::uint32_t id);
 
-// Where a walk that was sent to `entry` really starts: a point without neighbours that is no seed hands over to the
-// entry it was itself linked from, and so on down to the probe's seed. Stays inside the probe.
+// Where a walk that was sent to `entry` really starts: a point without neighbours that is no seed
+// hands over to the entry it was itself linked from, and so on down to the probe's seed. Stays
+// inside the probe.
 std::uint32_t usable_entry(const hnsw_s* hnsw, std::uint32_t entry, std::uint32_t seed);
 
 }  // namespace korvex

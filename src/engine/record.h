@@ -34,10 +34,12 @@ struct probe_s {
 };
 static_assert(sizeof(probe_s) == 24, "part of the record");
 
-// The state of one index that comes back when its file is opened again, and the few words that lead from it into this
-// process. Everything else of an open index lives in korvex_runtime_s.
-// Format      a block of the index file: widths and order never change, new fields go into the reserved tail.
-// Threads     configuration: the thread that creates the index, before the first addition. Counters: std::atomic_ref.
+// The state of one index that comes back when its file is opened again, and the few words that lead
+// from it into this process. Everything else of an open index lives in korvex_runtime_s.
+// Format      a block of the index file: widths and order never change, new fields go into the
+//             reserved tail.
+// Threads     configuration: the thread that creates the index, before the first addition.
+//             Counters: std::atomic_ref.
 struct hnsw_fields {
   // Configuration. Pointers are of this process and are set anew at every opening.
   persistent_malloc_s* memory_manager;

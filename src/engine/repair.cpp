@@ -22,12 +22,15 @@ std::uint32_t equalise_stores(korvex_runtime_s& runtime) {
   for (vectpool_c* store : runtime.store) {
     while (store != nullptr && store->size() < longest) {
       unsigned id = 0;
-      if (store->alloc(&id, 1) == nullptr) throw std::runtime_error("no room to complete the records of a store");
+      if (store->alloc(&id, 1) == nullptr)
+        throw std::runtime_error("no room to complete the records of a store");
     }
   }
-  for (std::uint32_t id = std::max(shortest, 1u); id < longest; ++id) set_flags(runtime, id, flag_deleted);
+  for (std::uint32_t id = std::max(shortest, 1u); id < longest; ++id)
+    set_flags(runtime, id, flag_deleted);
   if (shortest != longest)
-    KORVEX_LOG("repaired %u incomplete records, the index holds %u\n", longest - shortest, longest - 1);
+    KORVEX_LOG("repaired %u incomplete records, the index holds %u\n", longest - shortest,
+               longest - 1);
   return longest;
 }
 
@@ -41,7 +44,8 @@ bool linked_or_exempt(const hnsw_s* hnsw, std::uint32_t id) {
 void check_seeds(hnsw_s* hnsw, std::uint32_t size) {
   for (std::uint32_t probe = 0; probe < hnsw->runtime->probe_count; ++probe) {
     probe_s& state = hnsw->probes[probe];
-    if (state.seed >= size || (state.seed == 0 && probe + 1 < size)) state.seed = probe + 1 < size ? probe + 1 : 0;
+    if (state.seed >= size || (state.seed == 0 && probe + 1 < size))
+      state.seed = probe + 1 < size ? probe + 1 : 0;
     hnsw->max_seed = std::max(hnsw->max_seed, state.seed);
   }
   if (hnsw->max_seed >= size) hnsw->max_seed = std::min(hnsw->runtime->probe_count, size - 1);
@@ -49,7 +53,8 @@ void check_seeds(hnsw_s* hnsw, std::uint32_t size) {
     const std::uint32_t seed = hnsw->probes[probe].seed;
     vector_hash_s* const hash = hnsw->runtime->hash[probe];
     if (seed == 0 || load_counter(hash->ep_id) != 0) continue;
-    normalize_vector(vector_of(*hnsw->runtime, seed), hnsw->runtime->unit_scratch.get(), hnsw->dimension);
+    normalize_vector(vector_of(*hnsw->runtime, seed), hnsw->runtime->unit_scratch.get(),
+                     hnsw->dimension);
     vector_hash_set_ep_id(hash, seed, hnsw->runtime->unit_scratch.get());
   }
 }

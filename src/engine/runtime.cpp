@@ -21,7 +21,9 @@ void runtime_release_use(korvex_runtime_s* runtime) {
   runtime_release_handle(runtime);
 }
 
-void runtime_add_handle(korvex_runtime_s* runtime) { runtime->handles.fetch_add(1, std::memory_order_relaxed); }
+void runtime_add_handle(korvex_runtime_s* runtime) {
+  runtime->handles.fetch_add(1, std::memory_order_relaxed);
+}
 
 void runtime_release_handle(korvex_runtime_s* runtime) {
   if (runtime->handles.fetch_sub(1, std::memory_order_acq_rel) == 1) delete runtime;

@@ -45,10 +45,10 @@ struct deferred_s {
 
 // What a point's record carries from its addition to its linking.
 struct handover_s {
-  std::uint32_t first;     // slot 0: a neighbour when another point linked to it meanwhile
-  std::uint32_t entry;     // slot 1: where the walk starts
-  std::uint32_t star;      // slot 2
-  std::uint32_t marker;    // slot 3: seed_marker or unlinkable_marker
+  std::uint32_t first;   // slot 0: a neighbour when another point linked to it meanwhile
+  std::uint32_t entry;   // slot 1: where the walk starts
+  std::uint32_t star;    // slot 2
+  std::uint32_t marker;  // slot 3: seed_marker or unlinkable_marker
 };
 inline constexpr std::uint32_t seed_marker = 0xFFFFFFFFu;
 inline constexpr std::uint32_t unlinkable_marker = 0xFFFFFFFEu;
@@ -56,10 +56,12 @@ inline constexpr std::uint32_t unlinkable_marker = 0xFFFFFFFEu;
 inline constexpr std::uint32_t deferred_capacity = 16;
 
 // Everything of an open index that lives only in this process.
-// Ownership   `users` counts the host's claim, every engine thread and every call that is under way; the last one out
-//             after the close frees the stores and the record. `handles` counts those who may still ask whether the
-//             index is open (the index itself, query objects); the last one frees this object.
-// Threads     the frozen settings are written once before memory_initialised is released; the rest says its lock.
+// Ownership   `users` counts the host's claim, every engine thread and every call that is under
+//             way; the last one out after the close frees the stores and the record. `handles`
+//             counts those who may still ask whether the index is open (the index itself, query
+//             objects); the last one frees this object.
+// Threads     the frozen settings are written once before memory_initialised is released; the rest
+//             says its lock.
 struct korvex_runtime_s {
   explicit korvex_runtime_s(hnsw_s* record) : hnsw(record) {}
 
@@ -104,7 +106,7 @@ struct korvex_runtime_s {
   std::mutex add_lock;
   deferred_s deferred[deferred_capacity] = {};
   std::uint32_t deferred_count = 0;
-  std::deque<handover_s> relink;              // points whose linking a crash cut off; .star holds the id
+  std::deque<handover_s> relink;  // points whose linking a crash cut off; .star holds the id
   std::unordered_set<std::uint32_t> settled;  // linked to nothing and never will be
   std::vector<std::uint32_t> in_flight;       // ids that indexing threads hold now
 
@@ -121,9 +123,11 @@ struct korvex_runtime_s {
   std::atomic<int (*)(void*, std::uint32_t, std::uint32_t)> ready_callback{nullptr};
 
   // Of the search layer.
-  std::mutex search_mutex;                   // guards the callbacks of sessions, their stores' exchange, and:
-  std::vector<void*> session_attachments;    // one for every session record that was ever handed out
-  std::uint32_t vector_slot = 0;             // bytes a query takes in a session record
+  std::mutex search_mutex;  // guards the callbacks of sessions, their stores' exchange, and:
+  std::vector<void*> session_attachments;  // one for every session record that was ever handed out
+  std::uint32_t vector_slot = 0;           // bytes a query takes in a session record
+  std::mutex scratch_lock;                 // guards:
+  std::vector<std::shared_ptr<void>> idle_scratch;  // of direct searches, kept between calls
   search_hooks search{};
   std::atomic<int> result_cache_mode{1};
   std::atomic<bool> cache_advice_given{false};
@@ -171,8 +175,16 @@ inline float key_of(float direction, float distance) {
   return key == key ? key : largest_float;
 }
 
+// Whether the stores and the frozen settings may be used. Everything that the start-up wrote is
+// visible then.
+inline bool is_started(const hnsw_s* hnsw) {
+  return std::atomic_ref<std::uint32_t>(const_cast<std::uint32_t&>(hnsw->memory_initialised))
+             .load(std::memory_order_acquire) != 0;
+}
+
 inline std::uint32_t load_counter(const std::uint32_t& word) {
-  return std::atomic_ref<std::uint32_t>(const_cast<std::uint32_t&>(word)).load(std::memory_order_acquire);
+  return std::atomic_ref<std::uint32_t>(const_cast<std::uint32_t&>(word))
+      .load(std::memory_order_acquire);
 }
 
 }  // namespace korvex

@@ -38,7 +38,8 @@ constexpr unsigned result_element_bytes = 40;
 constexpr int result_first_chunk = 128;
 
 std::uint64_t memory_budget(const korvex_runtime_s& runtime) {
-  const std::uint64_t bytes = runtime.memory_budget != 0 ? runtime.memory_budget : platform::available_memory();
+  const std::uint64_t bytes =
+      runtime.memory_budget != 0 ? runtime.memory_budget : platform::available_memory();
   const double available = static_cast<double>(bytes);
   return static_cast<std::uint64_t>(std::max(available * 0.8, available - 4'000'000'000.0));
 }
@@ -46,15 +47,19 @@ std::uint64_t memory_budget(const korvex_runtime_s& runtime) {
 // A reopened index keeps the geometry that its files were made with.
 void take_shape(hnsw_s* hnsw) {
   if (hnsw->shape_valid == 0) return;
-  const bool differs = hnsw->allocation_units != hnsw->shape_units || hnsw->neighbour_capacity != hnsw->shape_capacity ||
-                       hnsw->pattern_probes != hnsw->shape_probes || hnsw->labels_enabled != hnsw->shape_labels ||
+  const bool differs = hnsw->allocation_units != hnsw->shape_units ||
+                       hnsw->neighbour_capacity != hnsw->shape_capacity ||
+                       hnsw->pattern_probes != hnsw->shape_probes ||
+                       hnsw->labels_enabled != hnsw->shape_labels ||
                        hnsw->attributes_enabled != hnsw->shape_attributes;
   hnsw->allocation_units = hnsw->shape_units;
   hnsw->neighbour_capacity = hnsw->shape_capacity;
   hnsw->pattern_probes = hnsw->shape_probes;
   hnsw->labels_enabled = hnsw->shape_labels;
   hnsw->attributes_enabled = hnsw->shape_attributes;
-  if (differs) KORVEX_LOG("the index keeps the layout that it was created with; changed options are ignored\n");
+  if (differs)
+    KORVEX_LOG(
+        "the index keeps the layout that it was created with; changed options are ignored\n");
 }
 
 void keep_shape(hnsw_s* hnsw) {
@@ -76,7 +81,8 @@ void choose_units(hnsw_s* hnsw, std::uint64_t budget) {
   if (hnsw->on_disk != 0) return;
   const std::uint64_t point_bytes = hnsw->vector_bytes + graph_record_bytes(hnsw);
   const std::uint64_t fitting = std::max<std::uint64_t>(budget / point_bytes, 1);
-  hnsw->allocation_units = static_cast<std::uint32_t>(std::min<std::uint64_t>(hnsw->allocation_units, fitting));
+  hnsw->allocation_units =
+      static_cast<std::uint32_t>(std::min<std::uint64_t>(hnsw->allocation_units, fitting));
 }
 
 // Bytes of the disk cache, 0 for none.
@@ -114,8 +120,8 @@ class startup {
     runtime_.vmapg_ready = true;
     if (hnsw_->index_check != 0) korvex_create_bloom(hnsw_);
     create_hashes();
-    runtime_.result_pool =
-        mempool_init(result_element_bytes, static_cast<int>(hnsw_->constant8), result_first_chunk, 0, 0);
+    runtime_.result_pool = mempool_init(result_element_bytes, static_cast<int>(hnsw_->constant8),
+                                        result_first_chunk, 0, 0);
     print_startup_box(hnsw_, cache_bytes_);
     print_startup_memory(hnsw_);
     reserve_node_zero();
@@ -126,8 +132,9 @@ class startup {
  private:
   void korvex_select_metric_if_unset() {
     if (hnsw_->distance != nullptr) return;
-    korvex_select_metric(hnsw_, hnsw_->distance_type != 0 ? static_cast<korvex_distance_type>(hnsw_->distance_type)
-                                                          : DISTANCE_L2_SQUARE);
+    korvex_select_metric(hnsw_, hnsw_->distance_type != 0
+                                    ? static_cast<korvex_distance_type>(hnsw_->distance_type)
+                                    : DISTANCE_L2_SQUARE);
   }
 
   void freeze() {
@@ -145,7 +152,8 @@ class startup {
   void configure_stores(std::uint64_t cache_bytes) {
     cache_bytes_ = cache_bytes;
     runtime_.store_prefix[0] = hnsw_->name != nullptr ? hnsw_->name : "";
-    // Label and attribute files would share a name with vectors of some dimensions: a prefix keeps them apart.
+    // Label and attribute files would share a name with vectors of some dimensions: a prefix keeps
+    // them apart.
     runtime_.store_prefix[1] = runtime_.store_prefix[0] + "-labels";
     runtime_.store_prefix[2] = runtime_.store_prefix[0] + "-attributes";
     auto config = std::make_unique<vectpool_conf_s>();
@@ -158,8 +166,8 @@ class startup {
     runtime_.store_config = std::move(config);
     if (cache_bytes == 0) return;
     const std::uint64_t records = cache_bytes / (hnsw_->vector_bytes + graph_record_bytes(hnsw_));
-    cache_records_ = static_cast<std::uint32_t>(
-        std::min<std::uint64_t>(records, static_cast<std::uint64_t>(std::numeric_limits<int>::max())));
+    cache_records_ = static_cast<std::uint32_t>(std::min<std::uint64_t>(
+        records, static_cast<std::uint64_t>(std::numeric_limits<int>::max())));
     cache_mode_ = set_memory_lock_limits(cache_bytes) != 0 ? 1 : 2;
     KORVEX_LOG("Enabling disk cache: %llu mode %d\n", static_cast<unsigned long long>(cache_bytes),
                static_cast<int>(cache_mode_));
@@ -167,8 +175,12 @@ class startup {
 
   void create_stores() {
     const store_plan plans[store_count] = {
-        {hnsw_->vector_bytes, hnsw_->vector_bytes, 64}, {graph_record_bytes(hnsw_), graph_record_bytes(hnsw_), 32},
-        {4, 4, 1}, {1, 16, 1}, {8, 8, 1}, {8, 8, 1}};
+        {hnsw_->vector_bytes, hnsw_->vector_bytes, 64},
+        {graph_record_bytes(hnsw_), graph_record_bytes(hnsw_), 32},
+        {4, 4, 1},
+        {1, 16, 1},
+        {8, 8, 1},
+        {8, 8, 1}};
     for (std::uint32_t index = 0; index < store_count; ++index) {
       if (index == label_store && !runtime_.labels) continue;
       if (index == attribute_store && !runtime_.attributes) continue;
@@ -182,9 +194,9 @@ class startup {
       const store_plan& plan = plans[index];
       if (plan.record_bytes > std::numeric_limits<unsigned>::max())
         throw std::length_error("a record of a store is too large");
-      runtime_.store[index] =
-          new vectpool_c(static_cast<unsigned>(plan.record_bytes), plan.units_factor * hnsw_->allocation_units,
-                         plan.alignment, static_cast<int>(index + 1), &config);
+      runtime_.store[index] = new vectpool_c(static_cast<unsigned>(plan.record_bytes),
+                                             plan.units_factor * hnsw_->allocation_units,
+                                             plan.alignment, static_cast<int>(index + 1), &config);
     }
   }
 
@@ -204,8 +216,9 @@ class startup {
         cache_bytes_ != 0 ? korvex_get_hash_distance_cached : korvex_get_hash_distance;
     for (std::uint32_t probe = 0; probe < runtime_.probe_count; ++probe) {
       const int dimension = static_cast<int>(hnsw_->dimension);
-      vector_hash_s* const hash = vector_hash_init(dimension, dimension, width, runtime_.star_pool,
-                                                   hnsw_->memory_manager, 10 * (probe + 1), distance, hnsw_);
+      vector_hash_s* const hash =
+          vector_hash_init(dimension, dimension, width, runtime_.star_pool, hnsw_->memory_manager,
+                           10 * (probe + 1), distance, hnsw_);
       if (hash == nullptr) throw std::runtime_error("no room for a vector hash");
       runtime_.hash[probe] = hash;
     }
@@ -221,7 +234,8 @@ class startup {
       if (record == nullptr) throw std::runtime_error("no room for the first record of a store");
       if (index != vector_store) continue;
       auto* const vector = static_cast<float*>(record);
-      for (std::uint32_t i = 0; i < hnsw_->dimension; ++i) vector[i] = static_cast<float>(random_double());
+      for (std::uint32_t i = 0; i < hnsw_->dimension; ++i)
+        vector[i] = static_cast<float>(random_double());
       normalize_vector(vector, vector, hnsw_->dimension);
     }
   }
@@ -264,8 +278,8 @@ void korvex_select_metric(hnsw_s* hnsw, korvex_distance_type type) {
 }
 
 void korvex_create_bloom(hnsw_s* hnsw) {
-  scalable_bloom_filters_s* const bloom =
-      sbf_create(hnsw->allocation_units, 0.001, 0.75, 0, hnsw->runtime->store_config.get(), bloom_kind);
+  scalable_bloom_filters_s* const bloom = sbf_create(hnsw->allocation_units, 0.001, 0.75, 0,
+                                                     hnsw->runtime->store_config.get(), bloom_kind);
   std::atomic_ref(hnsw->bloom).store(bloom, std::memory_order_release);
 }
 
@@ -319,7 +333,8 @@ bool korvex_try_init_memory(hnsw_s* hnsw) {
 }
 
 void korvex_available_memory(hnsw_s* hnsw, std::uint64_t bytes) {
-  if (hnsw != nullptr && load_counter(hnsw->memory_initialised) == 0) hnsw->runtime->memory_budget = bytes;
+  if (hnsw != nullptr && load_counter(hnsw->memory_initialised) == 0)
+    hnsw->runtime->memory_budget = bytes;
 }
 
 }  // namespace korvex

@@ -8,10 +8,11 @@ namespace korvex {
 // Once per process: random generators, logger, kernels, processor kinds.
 void korvex_process_start();
 
-// Builds the stores, hashes and lists that additions and sessions need, on first use; a reopened index finds its
-// records again. Does nothing once it has succeeded.
+// Builds the stores, hashes and lists that additions and sessions need, on first use; a reopened
+// index finds its records again. Does nothing once it has succeeded.
 // Threads   any; one builds, the others wait.
-// Failure   throws what a store's constructor throws; what was built is released and the next call tries again.
+// Failure   throws what a store's constructor throws; what was built is released and the next call
+//           tries again.
 void korvex_init_memory(hnsw_s* hnsw);
 // The same for callers that answer with a failure value: false after one line.
 bool korvex_try_init_memory(hnsw_s* hnsw);

@@ -46,14 +46,18 @@ void print_startup_box(const hnsw_s* hnsw, std::uint64_t disk_cache_bytes) {
   const std::string lines[] = {
       ":Korvex Beta Warning: New, Fast, but Still in Beta",
       ":Build Date: " KORVEX_BUILD_DATE,
-      "This is a young product. Its interface is settled, its answers and its files are tested hard, but it has not "
+      "This is a young product. Its interface is settled, its answers and its files are tested "
+      "hard, but it has not "
       "yet seen as many machines and as much data as older libraries have.",
-      "Please measure it on your own vectors before you rely on it: recall against an exact search, queries a second, "
+      "Please measure it on your own vectors before you rely on it: recall against an exact "
+      "search, queries a second, "
       "build time and memory.",
-      "What you find, good or bad, helps to improve it. We are glad about every report that says what was expected and "
+      "What you find, good or bad, helps to improve it. We are glad about every report that says "
+      "what was expected and "
       "what happened.",
       ":Current Configuration",
-      text("Available RAM: %llu MB", static_cast<unsigned long long>(platform::available_memory() / megabyte)),
+      text("Available RAM: %llu MB",
+           static_cast<unsigned long long>(platform::available_memory() / megabyte)),
       text("CPU Cores: %d", platform::processor_count()),
       text("Optimizations: %s", get_cpu_architecture()),
       text("Allocation Units: %s", with_thousands(hnsw->allocation_units).c_str()),

@@ -7,8 +7,8 @@
 
 namespace korvex {
 
-// The box that tells the configuration, and the change of the process's memory since the index was created; both go
-// to the log's first output.
+// The box that tells the configuration, and the change of the process's memory since the index was
+// created; both go to the log's first output.
 void print_startup_box(const hnsw_s* hnsw, std::uint64_t disk_cache_bytes);
 void print_startup_memory(const hnsw_s* hnsw);
 

@@ -23,10 +23,14 @@ constexpr int wait_rounds = 11;
 constexpr std::uint64_t wait_usec = 10'000;
 
 int active_workers(const hnsw_s* hnsw) {
-  return hnsw->search_queue == nullptr ? 0 : static_cast<int>(jobq_thread_count_active(hnsw->search_queue));
+  return hnsw->search_queue == nullptr
+             ? 0
+             : static_cast<int>(jobq_thread_count_active(hnsw->search_queue));
 }
 
-int active_indexers(const hnsw_s* hnsw) { return static_cast<int>(hnsw->runtime->running_threads.load()); }
+int active_indexers(const hnsw_s* hnsw) {
+  return static_cast<int>(hnsw->runtime->running_threads.load());
+}
 
 // Ends when either kind of thread has gone. The time that is left of the bound, in rounds.
 int wait_for_threads(const hnsw_s* hnsw) {
@@ -40,7 +44,8 @@ int wait_for_threads(const hnsw_s* hnsw) {
   return 0;
 }
 
-// The strings of an index outlive it; kept reachable, so that leak checkers see them as what they are.
+// The strings of an index outlive it; kept reachable, so that leak checkers see them as what they
+// are.
 void park_strings(const hnsw_s* hnsw) {
   static std::mutex lock;
   static auto* const parked = new std::vector<char*>;
@@ -59,7 +64,8 @@ bool nothing_left_undone(const hnsw_s* hnsw) {
 void korvex_free(hnsw_s* hnsw) {
   if (hnsw == nullptr) return;
   korvex_runtime_s* const runtime = hnsw->runtime;
-  KORVEX_LOG("clean up started: active threads search %d index %d\n", active_workers(hnsw), active_indexers(hnsw));
+  KORVEX_LOG("clean up started: active threads search %d index %d\n", active_workers(hnsw),
+             active_indexers(hnsw));
   std::atomic_ref(hnsw->stop_searching).store(1);
   std::atomic_ref(hnsw->stop_indexing).store(1);
   cond_broadcast(&runtime->add_cond);
@@ -82,7 +88,8 @@ void korvex_free(hnsw_s* hnsw) {
   runtime->users.fetch_or(runtime_closed);
   runtime_release_use(runtime);
   for (; rounds_left > 0 && !runtime->users_gone.load(); --rounds_left)
-    for (int i = 0; i < 10 && !runtime->users_gone.load(); ++i) platform::sleep_usec(wait_usec / 10);
+    for (int i = 0; i < 10 && !runtime->users_gone.load(); ++i)
+      platform::sleep_usec(wait_usec / 10);
   runtime_release_handle(runtime);
 }
 
@@ -91,6 +98,7 @@ void korvex_release(korvex_runtime_s* runtime) {
   if (nothing_left_undone(hnsw)) hnsw->clean_close = 1;
   if (runtime->search.release != nullptr) runtime->search.release(hnsw);
   runtime->inline_linker.reset();
+  runtime->idle_scratch.clear();
   korvex_release_stores(hnsw);
   delete hnsw->distance;
   hnsw->distance = nullptr;
@@ -103,7 +111,8 @@ void korvex_release(korvex_runtime_s* runtime) {
   persistent_free(manager, hnsw);
   persistent_malloc_destroy(manager);
   // On some systems a mapped file cannot be deleted: last of all.
-  if (!runtime->files_directory.empty()) platform::delete_files(runtime->files_directory.c_str(), "korvex");
+  if (!runtime->files_directory.empty())
+    platform::delete_files(runtime->files_directory.c_str(), "korvex");
 }
 
 int korvex_get_thread_index(hnsw_s* hnsw) {

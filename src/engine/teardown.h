@@ -7,9 +7,11 @@ namespace korvex {
 
 struct korvex_runtime_s;
 
-// Stops an index and gives it up. Takes 110 ms at most: engine threads that are still inside a host's callback keep the
-// memory until they leave, and the last one releases it. The record must not be used afterwards. Null is ignored.
-// Threads   any, also from a callback of the index; no other call on the record may be under way but those of sessions
+// Stops an index and gives it up. Takes 110 ms at most: engine threads that are still inside a
+// host's callback keep the memory until they leave, and the last one releases it. The record must
+// not be used afterwards. Null is ignored.
+// Threads   any, also from a callback of the index; no other call on the record may be under way
+//           but those of sessions
 void korvex_free(hnsw_s* hnsw);
 
 // Releases what an index holds, after its last user left.
@@ -19,7 +21,8 @@ void korvex_release(korvex_runtime_s* runtime);
 int korvex_get_thread_index(hnsw_s* hnsw);
 void korvex_free_thread_index(hnsw_s* hnsw, int slot);
 
-// A thread body that checks thread start-up: reports the int that `argument` points to and ends after two seconds.
+// A thread body that checks thread start-up: reports the int that `argument` points to and ends
+// after two seconds.
 void* thread_work(void* argument);
 
 }  // namespace korvex

@@ -20,7 +20,8 @@ std::atomic<std::uint64_t> evaluations_of_process{0};
 
 inline void prefetch_range(const void* address, std::uint32_t bytes) {
   const char* const first = static_cast<const char*>(address);
-  for (std::uint32_t offset = 0; offset < bytes; offset += cache_line) __builtin_prefetch(first + offset);
+  for (std::uint32_t offset = 0; offset < bytes; offset += cache_line)
+    __builtin_prefetch(first + offset);
 }
 
 // One walk. Keys order everything: the metric's direction was applied where a distance came in.
@@ -67,7 +68,7 @@ class graph_walk {
     const std::uint32_t position = pick(&graph);
     if (position == beam_.size()) return false;
     if (shared_ != nullptr && bound_ < beam_[position].key) {
-      beam_[position].expanded = 1;
+      beam_[position].marks |= walk_beam::expanded;
       return false;
     }
     if (!graph || !expand(position, graph)) return false;
@@ -77,17 +78,22 @@ class graph_walk {
 
   bool stopping() const {
     const std::uint32_t& flag = querying_ ? hnsw_->stop_searching : hnsw_->stop_indexing;
-    return std::atomic_ref<std::uint32_t>(const_cast<std::uint32_t&>(flag)).load(std::memory_order_relaxed) != 0;
+    return std::atomic_ref<std::uint32_t>(const_cast<std::uint32_t&>(flag))
+               .load(std::memory_order_relaxed) != 0;
   }
 
   bool duplicate_removal_on() const {
-    return hnsw_->duplicate_mode != 0 && hnsw_->duplicate_option != 0 && hnsw_->duplicate_threshold != threshold_off;
+    return hnsw_->duplicate_mode != 0 && hnsw_->duplicate_option != 0 &&
+           hnsw_->duplicate_threshold != threshold_off;
   }
 
-  bool repeats(float key) const { return removes_duplicates_ && key <= direction_ * hnsw_->duplicate_threshold; }
+  bool repeats(float key) const {
+    return removes_duplicates_ && key <= direction_ * hnsw_->duplicate_threshold;
+  }
 
   const float* vector_at(std::uint32_t id) const {
-    return id < vector_count(vectors_) ? static_cast<const float*>(vector_get(vectors_, id)) : nullptr;
+    return id < vector_count(vectors_) ? static_cast<const float*>(vector_get(vectors_, id))
+                                       : nullptr;
   }
 
   float key_to(const float* vector) const {
@@ -115,7 +121,8 @@ class graph_walk {
       session_.duplicate = entry_id;
       set_flags(runtime_, entry_id, flag_duplicate);
     }
-    return beam_.insert(best_, entry_id, 0);
+    const bool rejected = session_.pass_rejected && rejects(entry_id);
+    return beam_.insert(best_, entry_id, 0, rejected ? walk_beam::rejected : std::uint16_t{0});
   }
 
   void mark_beam_visited() {
@@ -138,13 +145,14 @@ class graph_walk {
     if (shared_ == nullptr || !filled_) return;
     std::atomic_ref<float> worst(shared_->worst);
     float current = worst.load(std::memory_order_relaxed);
-    while (bound_ < current && !worst.compare_exchange_weak(current, bound_, std::memory_order_relaxed)) {
+    while (bound_ < current &&
+           !worst.compare_exchange_weak(current, bound_, std::memory_order_relaxed)) {
     }
     if (current < bound_) bound_ = current;
   }
 
-  // The first unexpanded candidate; one without neighbours is passed over while others have some. The beam's size when
-  // none is left. *graph is empty when the record is missing.
+  // The first unexpanded candidate; one without neighbours is passed over while others have some.
+  // The beam's size when none is left. *graph is empty when the record is missing.
   std::uint32_t pick(graph_record* graph) {
     const std::uint32_t first = beam_.first_unexpanded();
     if (first == beam_.size()) return first;
@@ -152,7 +160,7 @@ class graph_walk {
     if (!*graph || graph->slot(0) != 0) return first;
     if (beam_.size() < 2 || report_.evaluations >= pass_over_evaluations) return first;
     for (std::uint32_t i = first + 1; i < beam_.size(); ++i) {
-      if (beam_[i].expanded != 0) continue;
+      if ((beam_[i].marks & walk_beam::expanded) != 0) continue;
       const graph_record other = graph_at(beam_[i].id);
       if (!other || other.slot(0) == 0) continue;
       *graph = other;
@@ -169,7 +177,7 @@ class graph_walk {
 
   bool expand(std::uint32_t position, const graph_record& graph) {
     walk_beam::entry& chosen = beam_[position];
-    chosen.expanded = 1;
+    chosen.marks |= walk_beam::expanded;
     if (session_.budget != 0 && filled_ && report_.evaluations > session_.budget) return false;
     const std::uint32_t id = chosen.id;
     bitstore_set(session_.visited, id);
@@ -187,14 +195,16 @@ class graph_walk {
   }
 
   bool report_waiting(std::uint32_t id, const graph_record& graph) const {
-    KORVEX_LOG("waiting: nid %u id %u l %p wcount %d nodes %d, sc %d maxep %u completed %u\n", node_.id, id,
-               graph.address(), static_cast<int>(beam_.size()), static_cast<int>(load_counter(hnsw_->added)),
-               report_.evaluations, load_counter(hnsw_->max_seed), load_counter(hnsw_->networked));
+    KORVEX_LOG("waiting: nid %u id %u l %p wcount %d nodes %d, sc %d maxep %u completed %u\n",
+               node_.id, id, graph.address(), static_cast<int>(beam_.size()),
+               static_cast<int>(load_counter(hnsw_->added)), report_.evaluations,
+               load_counter(hnsw_->max_seed), load_counter(hnsw_->networked));
     return false;
   }
 
-  // Collects neighbours from slot `first` on that this walk meets for the first time and asks for their memory: all of
-  // a hop's cache misses are under way before the first distance is computed. The slot to go on from.
+  // Collects neighbours from slot `first` on that this walk meets for the first time and asks for
+  // their memory: all of a hop's cache misses are under way before the first distance is computed.
+  // The slot to go on from.
   std::uint32_t gather(const graph_record& graph, std::uint32_t first) {
     gathered_count_ = 0;
     for (std::uint32_t i = first; i < neighbour_count_; ++i) {
@@ -221,15 +231,23 @@ class graph_walk {
   // Takes a candidate into the beam unless it cannot matter. False ends the walk.
   bool offer(std::uint32_t id, float key) {
     if (radius_active_ && key < session_.radius) return true;
-    if (querying_ && session_.filter != nullptr && session_.filter(session_.filter_context, id, 0) != 0) return true;
+    if (session_.pass_rejected && key > bound_ && beam_.size() >= beam_size_) return true;
+    const std::uint16_t marks = rejects(id) ? walk_beam::rejected : std::uint16_t{0};
+    if (marks != 0 && !session_.pass_rejected) return true;
     if (key > bound_ && beam_.size() >= beam_size_) return true;
-    if (!beam_.insert(key, id, hops_)) {
-      KORVEX_LOG_CRITICAL("failed adding to list: id %u nid %u lid %u i %d\n", id, node_.id, beam_.back().id,
-                          static_cast<int>(beam_.size()));
+    if (!beam_.insert(key, id, hops_, marks)) {
+      KORVEX_LOG_CRITICAL("failed adding to list: id %u nid %u lid %u i %d\n", id, node_.id,
+                          beam_.back().id, static_cast<int>(beam_.size()));
       return false;
     }
-    prefetch_range(vector_get(graphs_, id), static_cast<std::uint32_t>((neighbour_count_ + 1) * sizeof(std::uint32_t)));
+    prefetch_range(vector_get(graphs_, id),
+                   static_cast<std::uint32_t>((neighbour_count_ + 1) * sizeof(std::uint32_t)));
     return key >= best_ || improve(key);
+  }
+
+  bool rejects(std::uint32_t id) const {
+    return querying_ && session_.filter != nullptr &&
+           session_.filter(session_.filter_context, id, 0) != 0;
   }
 
   bool improve(float key) {
@@ -237,7 +255,8 @@ class graph_walk {
       session_.budget = std::max(session_.budget, session_.step + report_.evaluations);
     if (repeats(key)) {
       KORVEX_LOG("duplicate detected: %u dist %.6f threshold %.6f\n", node_.id,
-                 static_cast<double>(direction_ * key), static_cast<double>(hnsw_->duplicate_threshold));
+                 static_cast<double>(direction_ * key),
+                 static_cast<double>(hnsw_->duplicate_threshold));
       return false;
     }
     best_ = key;
@@ -284,19 +303,22 @@ class graph_walk {
 };
 
 void load_beam(const korvex_nbrs_s& nbrs, walk_beam* beam) {
-  for (const linklist_link_s* link = nbrs.candidates->get_head(); link != nullptr; link = link->next) {
+  for (const linklist_link_s* link = nbrs.candidates->get_head(); link != nullptr;
+       link = link->next) {
     const auto* const element = static_cast<const korvex_nelem_s*>(link->data);
-    beam->append({element->distance, element->id, element->hops, static_cast<std::uint16_t>(link->tag & 0xFFFFu)});
+    beam->append({element->distance, element->id, element->hops,
+                  static_cast<std::uint16_t>(link->tag & 0xFFFFu)});
   }
 }
 
-// From the back: each element becomes the new head, so equal keys keep their order and no insertion searches.
+// From the back: each element becomes the new head, so equal keys keep their order and no insertion
+// searches.
 void publish_beam(const walk_beam& beam, korvex_nbrs_s* nbrs) {
   blockpool_reset(nbrs->elements);
   nbrs->candidates->reset();
   for (std::uint32_t i = beam.size(); i-- > 0;) {
     const walk_beam::entry& entry = beam[i];
-    if (korvex_nbrs_add(nbrs, entry.id, entry.key, entry.hops, entry.expanded) == 0) continue;
+    if (korvex_nbrs_add(nbrs, entry.id, entry.key, entry.hops, entry.marks) == 0) continue;
     KORVEX_LOG_CRITICAL("failed adding to list: id %u nid %u lid %u i %d\n", entry.id, 0u, entry.id,
                         static_cast<int>(i));
     return;
@@ -308,11 +330,13 @@ void publish_beam(const walk_beam& beam, korvex_nbrs_s* nbrs) {
 void walk_graph(hnsw_s* hnsw, korvex_session_s* session, walk_beam* beam, const korvex_node_s& node,
                 std::uint32_t entry_id, shared_bound_s* shared, walk_report* report) {
   graph_walk(hnsw, session, beam, node, shared, report).run(entry_id);
-  evaluations_of_process.fetch_add(static_cast<std::uint64_t>(report->evaluations), std::memory_order_relaxed);
+  evaluations_of_process.fetch_add(static_cast<std::uint64_t>(report->evaluations),
+                                   std::memory_order_relaxed);
 }
 
 void korvex_search_candidates(hnsw_s* hnsw, korvex_session_s* session, korvex_nbrs_s* nbrs,
-                              const korvex_node_s* node, std::uint32_t entry_id, shared_bound_s* shared) {
+                              const korvex_node_s* node, std::uint32_t entry_id,
+                              shared_bound_s* shared) {
   const auto held = static_cast<std::uint32_t>(nbrs->candidates->size());
   const auto beam_size = static_cast<std::uint32_t>(std::max(session->beam, 1));
   if (!nbrs->beam->reset(std::max(beam_size, held) + hnsw->runtime->neighbour_count + 1)) {
@@ -328,6 +352,8 @@ void korvex_search_candidates(hnsw_s* hnsw, korvex_session_s* session, korvex_nb
   std::copy_n(report.dropped, max_dropped, nbrs->dropped);
 }
 
-std::uint64_t walk_evaluations_total() { return evaluations_of_process.load(std::memory_order_relaxed); }
+std::uint64_t walk_evaluations_total() {
+  return evaluations_of_process.load(std::memory_order_relaxed);
+}
 
 }  // namespace korvex

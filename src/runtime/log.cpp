@@ -157,7 +157,7 @@ int flush_locked(int timeout_ms) {
     mutex_lock(&g_log.lock.mutex);
   }
   --g_log.flushers;
-  return result;
+  return g_log.buffers == nullptr ? -1 : result;  // shut down meanwhile: nothing was written
 }
 
 // For a process that has no worker any more.

@@ -16,16 +16,19 @@ constexpr std::uint64_t worker_wait_ms = 1;
 
 // The result callbacks that the calling thread is inside of, innermost first.
 struct callback_frame {
-  const session_attachment* attachment;
+  const session_attachment* attachment;  // null once the callback gave its session up
   callback_frame* outer;
 };
 thread_local callback_frame* current_callback = nullptr;
 
-std::uint32_t own_callbacks(const session_attachment* attachment) {
-  std::uint32_t count = 0;
-  for (const callback_frame* frame = current_callback; frame != nullptr; frame = frame->outer)
-    if (frame->attachment == attachment) ++count;
-  return count;
+// Under the attachment's lock. The session's next owner has nothing to do with callbacks of the
+// last one.
+void disown_own_callbacks(session_attachment* attachment) {
+  for (callback_frame* frame = current_callback; frame != nullptr; frame = frame->outer) {
+    if (frame->attachment != attachment) continue;
+    frame->attachment = nullptr;
+    --attachment->callbacks;
+  }
 }
 
 template <typename T>
@@ -72,7 +75,8 @@ korvex_result_ids_s* korvex_search_result_ids(hnsw_s* hnsw, std::uint32_t sid, i
   std::lock_guard lock(hnsw->runtime->search_mutex);
   korvex_result_ids_s& view = session->ids_view;
   if (view.owned != 0) std::free(view.ids);
-  view = {final.count, 1, copy != 0 ? 1u : 0u, copy != 0 ? copied(final.ids, final.count) : final.ids};
+  view = {final.count, 1, copy != 0 ? 1u : 0u,
+          copy != 0 ? copied(final.ids, final.count) : final.ids};
   return &view;
 }
 
@@ -84,8 +88,17 @@ korvex_result_dists_s* korvex_search_result_dists(hnsw_s* hnsw, std::uint32_t si
   std::lock_guard lock(hnsw->runtime->search_mutex);
   korvex_result_dists_s& view = session->distances_view;
   if (view.owned != 0) std::free(view.distances);
-  view = {final.count, copy != 0 ? 1u : 0u, copy != 0 ? copied(final.distances, final.count) : final.distances};
+  view = {final.count, copy != 0 ? 1u : 0u,
+          copy != 0 ? copied(final.distances, final.count) : final.distances};
   return &view;
+}
+
+void drop_views(korvex_search_ctx_s* session) {
+  std::lock_guard lock(session->index->runtime->search_mutex);
+  if (session->ids_view.owned != 0) std::free(session->ids_view.ids);
+  if (session->distances_view.owned != 0) std::free(session->distances_view.distances);
+  session->ids_view = {};
+  session->distances_view = {};
 }
 
 void complete_search(korvex_search_ctx_s* session, bool cancelled) {
@@ -115,6 +128,7 @@ void complete_search(korvex_search_ctx_s* session, bool cancelled) {
   current_callback = &frame;
   callback(sid, data);
   current_callback = frame.outer;
+  if (frame.attachment == nullptr) return;
   std::lock_guard lock(attachment->lock);
   --attachment->callbacks;
   attachment->callbacks_gone.notify_all();
@@ -127,11 +141,11 @@ void korvex_search_free(hnsw_s* hnsw, std::uint32_t sid) {
   wait_until_done(hnsw, session);
   {
     std::unique_lock lock(attachment->lock);
-    const std::uint32_t own = own_callbacks(attachment);
-    attachment->callbacks_gone.wait(lock, [&] { return attachment->callbacks <= own; });
+    disown_own_callbacks(attachment);
+    attachment->callbacks_gone.wait(lock, [&] { return attachment->callbacks == 0; });
   }
-  if (session->ids_view.owned != 0) std::free(session->ids_view.ids);
-  if (session->distances_view.owned != 0) std::free(session->distances_view.distances);
+  drop_views(session);
+  attachment->session = nullptr;
   mempool_free(hnsw->search_pool, session, attachment);
 }
 

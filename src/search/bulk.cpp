@@ -33,7 +33,8 @@ end_frame* own_end(const korvex_bulk_search_s* bulk) {
   return nullptr;
 }
 
-// Every query is answered and no session works for the batch any more: from the broadcast on the record is the host's.
+// Every query is answered and no session works for the batch any more: from the broadcast on the
+// record is the host's.
 void end_batch(korvex_bulk_search_s* bulk) {
   const search_result_callback callback = bulk->callback;
   const void* const data = bulk->callback_data;
@@ -88,8 +89,8 @@ std::uint32_t session_count(const hnsw_s* hnsw, int n) {
   return static_cast<std::uint32_t>(std::max(std::min(threads, n) / probes, 2));
 }
 
-void reset_record(hnsw_s* hnsw, korvex_bulk_search_s* bulk, int n, int radius, int k, search_result_callback callback,
-                  const void* data) {
+void reset_record(hnsw_s* hnsw, korvex_bulk_search_s* bulk, int n, int radius, int k,
+                  search_result_callback callback, const void* data) {
   std::memset(static_cast<void*>(bulk), 0, sizeof *bulk);
   mutex_create(&bulk->lock);
   cond_init(&bulk->done);
@@ -104,8 +105,8 @@ void reset_record(hnsw_s* hnsw, korvex_bulk_search_s* bulk, int n, int radius, i
 
 bool take_vectors(korvex_bulk_search_s* bulk, const float* vectors) {
   const std::size_t floats = std::size_t{bulk->query_count} * bulk->index->dimension;
-  bulk->output = static_cast<std::uint32_t*>(
-      std::calloc(std::max<std::size_t>(std::size_t{bulk->query_count} * bulk->k, 1), sizeof(std::uint32_t)));
+  bulk->output = static_cast<std::uint32_t*>(std::calloc(
+      std::max<std::size_t>(std::size_t{bulk->query_count} * bulk->k, 1), sizeof(std::uint32_t)));
   if (bulk->query_count == 0 || vectors == nullptr) return bulk->output != nullptr;
   bulk->vectors = static_cast<float*>(std::malloc(floats * sizeof(float)));
   if (bulk->vectors == nullptr || bulk->output == nullptr) return false;
@@ -113,16 +114,19 @@ bool take_vectors(korvex_bulk_search_s* bulk, const float* vectors) {
   return true;
 }
 
-// The call without a callback returns before the slowest queries are answered; reading the results waits for the rest.
+// The call without a callback returns before the slowest queries are answered; reading the results
+// waits for the rest.
 void wait_for_most(korvex_bulk_search_s* bulk) {
   const std::uint64_t share = 60 + random_u32_max(15);
-  const std::uint64_t enough = std::min<std::uint64_t>(share * bulk->query_count / 100, bulk->query_count);
+  const std::uint64_t enough =
+      std::min<std::uint64_t>(share * bulk->query_count / 100, bulk->query_count);
   hnsw_s* const hnsw = bulk->index;
   while (std::atomic_ref(bulk->completed).load() < enough)
     if (!run_queued_job(hnsw)) platform::usleep_interruptible(poll_usec);
 }
 
-// Gives every session its first query. Sessions that could not be made leave their share to the others.
+// Gives every session its first query. Sessions that could not be made leave their share to the
+// others.
 void run_batch(korvex_bulk_search_s* bulk, std::uint32_t sessions) {
   hnsw_s* const hnsw = bulk->index;
   bulk->sessions = 1;  // this call's own claim, so that early ends do not end the batch
@@ -148,8 +152,9 @@ void run_batch(korvex_bulk_search_s* bulk, std::uint32_t sessions) {
 
 }  // namespace
 
-std::uint32_t korvex_bulk_search(hnsw_s* hnsw, korvex_bulk_search_s* bulk, const float* vectors, int n, int radius,
-                                 int k, search_result_callback callback, const void* data) {
+std::uint32_t korvex_bulk_search(hnsw_s* hnsw, korvex_bulk_search_s* bulk, const float* vectors,
+                                 int n, int radius, int k, search_result_callback callback,
+                                 const void* data) {
   if (hnsw == nullptr || bulk == nullptr) return search_failed;
   KORVEX_LOG("bulk queries %d radius %d k %d\n", n, radius, k);
   korvex_bulk_search_release(bulk);
@@ -173,7 +178,8 @@ void korvex_search_add(korvex_bulk_search_s* bulk, korvex_search_ctx_s* session)
   std::uint32_t query = 0;
   while (next_query(bulk, session, &query)) {
     const float* const vector = bulk->vectors + std::size_t{query} * bulk->index->dimension;
-    if (korvex_search(bulk->index, session->sid, vector, static_cast<int>(bulk->radius), static_cast<int>(bulk->k)) == 0)
+    if (korvex_search(bulk->index, session->sid, vector, static_cast<int>(bulk->radius),
+                      static_cast<int>(bulk->k)) == 0)
       return;
     count_completed(bulk, session->sid);  // its row stays zero
   }
@@ -205,7 +211,8 @@ void korvex_bulk_search_release(korvex_bulk_search_s* bulk) {
     frame->gone = true;
   } else {
     if (cond_wait_timeout(&bulk->done, 0) != 0) wait_until_done(bulk->index, bulk);
-    while (std::atomic_ref(bulk->busy).load(std::memory_order_acquire) != 0) platform::sleep_usec(50);
+    while (std::atomic_ref(bulk->busy).load(std::memory_order_acquire) != 0)
+      platform::sleep_usec(50);
   }
   cond_destroy(&bulk->done);
   std::free(bulk->vectors);

@@ -12,9 +12,10 @@ namespace korvex {
 
 struct korvex_runtime_s;
 
-// A batch of queries that runs through a few sessions; each takes the next query when it has answered its last.
-// Ownership   the vectors are copied, so the host's may go as soon as the call returns; output and copy live until the
-//             next batch or korvex_bulk_search_release.
+// A batch of queries that runs through a few sessions; each takes the next query when it has
+// answered its last.
+// Ownership   the vectors are copied, so the host's may go as soon as the call returns; output and
+//             copy live until the next batch or korvex_bulk_search_release.
 // Threads     `lock` guards next and completed; started and queued are atomic. One batch at a time.
 struct korvex_bulk_search_s {
   hnsw_s* index;
@@ -38,11 +39,12 @@ struct korvex_bulk_search_s {
   std::uint32_t busy;      // the batch runs, or its end is being reported
 };
 
-// Runs the batch; a batch that still runs on the record is waited for first. With a callback it returns at once and the
-// callback comes once, when every query is answered; without one it returns when most are. 0, or search_failed when
-// memory is short.
-std::uint32_t korvex_bulk_search(hnsw_s* hnsw, korvex_bulk_search_s* bulk, const float* vectors, int n, int radius,
-                                 int k, search_result_callback callback, const void* data);
+// Runs the batch; a batch that still runs on the record is waited for first. With a callback it
+// returns at once and the callback comes once, when every query is answered; without one it returns
+// when most are. 0, or search_failed when memory is short.
+std::uint32_t korvex_bulk_search(hnsw_s* hnsw, korvex_bulk_search_s* bulk, const float* vectors,
+                                 int n, int radius, int k, search_result_callback callback,
+                                 const void* data);
 // Waits for the whole batch. Null for a null record.
 korvex_bulk_results_s* korvex_bulk_search_results(hnsw_s* hnsw, korvex_bulk_search_s* bulk);
 // Waits for a running batch (not on the thread of its callback) and frees what the record holds.

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "engine/runtime.h"
 #include "engine/teardown.h"
@@ -23,17 +24,22 @@ constexpr thread_priority_level_t worker_priority = 2;
 // The scratch of the search thread that is running, for jobs that it runs while it waits.
 thread_local search_worker* current_worker = nullptr;
 
-bool stopping(const hnsw_s* hnsw) { return load_counter(hnsw->stop_searching) != 0; }
+bool stopping(const hnsw_s* hnsw) {
+  return load_counter(hnsw->stop_searching) != 0;
+}
 
-// The populated norm bucket nearest to the query and its populated neighbours. The number of probes.
-std::uint32_t probes_by_norm(const hnsw_s* hnsw, const korvex_search_ctx_s* session, std::uint32_t* probes) {
+// The populated norm bucket nearest to the query and its populated neighbours. The number of
+// probes.
+std::uint32_t probes_by_norm(const hnsw_s* hnsw, const korvex_search_ctx_s* session,
+                             std::uint32_t* probes) {
   std::uint32_t buckets[norm_buckets];
   std::uint32_t count = 0;
   for (std::uint32_t bucket = 0; bucket < norm_buckets; ++bucket)
     if (hnsw->probe_slots[bucket] != 0) buckets[count++] = bucket;
   if (count == 0) return 0;
   const auto off_by = [&](std::uint32_t position) {
-    return std::fabs(session->query_norm - static_cast<float>(buckets[position]) * hnsw->probe_step);
+    return std::fabs(session->query_norm -
+                     static_cast<float>(buckets[position]) * hnsw->probe_step);
   };
   std::uint32_t nearest = 0;
   for (std::uint32_t i = 1; i < count; ++i)
@@ -45,9 +51,11 @@ std::uint32_t probes_by_norm(const hnsw_s* hnsw, const korvex_search_ctx_s* sess
   return chosen;
 }
 
-std::uint32_t choose_probes(const hnsw_s* hnsw, const korvex_search_ctx_s* session, std::uint32_t* probes) {
+std::uint32_t choose_probes(const hnsw_s* hnsw, const korvex_search_ctx_s* session,
+                            std::uint32_t* probes) {
   if (hnsw->norm_probing != 0) return probes_by_norm(hnsw, session, probes);
-  const std::uint32_t in_use = std::min(load_counter(hnsw->probes_made), hnsw->runtime->probe_count);
+  const std::uint32_t in_use =
+      std::min(load_counter(hnsw->probes_made), hnsw->runtime->probe_count);
   for (std::uint32_t probe = 0; probe < in_use; ++probe) probes[probe] = probe;
   return in_use;
 }
@@ -56,7 +64,8 @@ void launch_worker(hnsw_s* hnsw) {
   runtime_use use(hnsw->runtime);
   if (!use) return;
   // The use becomes the thread's.
-  if (jobq_thread_launch(hnsw->search_queue, korvex_search_thread, hnsw->runtime, 1, 0, 0) == 0) use.detach();
+  if (jobq_thread_launch(hnsw->search_queue, korvex_search_thread, hnsw->runtime, 1, 0, 0) == 0)
+    use.detach();
 }
 
 // No worker is alive and none could be made: the caller does their work.
@@ -76,7 +85,17 @@ void run_on_caller(hnsw_s* hnsw) {
   jobq_enter_worker(before);
 }
 
-// Up to four of the ids that close the answer at one distance; none when the whole answer is at one distance.
+void run_job(hnsw_s* hnsw, jobs_s* head) {
+  auto* const job = reinterpret_cast<search_job*>(head);
+  if (korvex_bulk_search_s* const bulk = job->session->bulk)
+    std::atomic_ref(bulk->started).fetch_add(1, std::memory_order_relaxed);
+  // A worker that had been woken for one job may face several; more threads may share them.
+  if (jobq_size(hnsw->search_queue) != 0) launch_worker(hnsw);
+  current_worker->run(job);
+}
+
+// Up to four of the ids that close the answer at one distance; none when the whole answer is at one
+// distance.
 void fill_tie_list(korvex_search_ctx_s* session) {
   const korvex_results_s& final = session_results(session)->final;
   session->tie_count = 0;
@@ -84,14 +103,18 @@ void fill_tie_list(korvex_search_ctx_s* session) {
   std::uint32_t first = final.count - 1;
   while (first > 0 && final.distances[first - 1] == final.distances[final.count - 1]) --first;
   if (first == 0 && final.count > 1) return;
-  while (session->tie_count < max_ties && first < final.count) session->ties[session->tie_count++] = final.ids[first++];
+  while (session->tie_count < max_ties && first < final.count)
+    session->ties[session->tie_count++] = final.ids[first++];
 }
 
 void finish_results(korvex_search_ctx_s* session) {
   korvex_search_results_s* const store = session_results(session);
   const std::uint32_t n = std::min(session->k, store->capacity);
   id_set* const delivered = &session->attachment->delivered;
-  if (session->mode != mode_more) delivered->clear();
+  if (session->mode != mode_more) {
+    delivered->clear();
+    for (result_slice& slice : store->slices) slice.delivered = false;
+  }
   korvex_merge_results(store, store->probes, static_cast<int>(n));
   if (session->bulk_output != nullptr) {
     std::copy_n(store->final.ids, store->final.count, session->bulk_output);
@@ -113,14 +136,20 @@ bool korvex_search_add_queue(hnsw_s* hnsw, korvex_search_ctx_s* session) {
     std::atomic_ref(session->in_progress).store(0);
     return false;
   }
-  cond_reset(&session->attachment->done);
+  {
+    // The worker that completed the last search may be about to set the latch; it does so under
+    // this mutex.
+    mutex_guard lock(&session->attachment->done.mutex);
+    cond_reset(&session->attachment->done);
+  }
   session->jobs_total = count;
   for (std::uint32_t i = 0; i < count; ++i) {
     search_job& job = session->jobs[i];
     job.session = session;
     job.probe = probes[i];
   }
-  // Once the last job is queued the session may complete and be given up: only locals from there on.
+  // Once the last job is queued the session may complete and be given up: only locals from there
+  // on.
   jobq_s* const queue = hnsw->search_queue;
   search_job* const jobs = session->jobs;
   korvex_bulk_search_s* const bulk = session->bulk;
@@ -138,10 +167,12 @@ bool korvex_search_add_queue(hnsw_s* hnsw, korvex_search_ctx_s* session) {
 
 void complete_job(korvex_search_ctx_s* session, bool cancelled) {
   const std::uint32_t total = session->jobs_total;
-  if (std::atomic_ref(session->jobs_done).fetch_add(1, std::memory_order_acq_rel) + 1 != total) return;
+  if (std::atomic_ref(session->jobs_done).fetch_add(1, std::memory_order_acq_rel) + 1 != total)
+    return;
   const bool answered_directly =
       session->bulk_output != nullptr && session->index->runtime->probe_count == 1 && !cancelled;
-  if (!answered_directly || session_results(session)->slices[0].primary.count == 0) finish_results(session);
+  if (!answered_directly || session_results(session)->slices[0].primary.count == 0)
+    finish_results(session);
   complete_search(session, cancelled);
 }
 
@@ -156,19 +187,24 @@ void cancel_queued_searches(hnsw_s* hnsw) {
 }
 
 bool on_search_worker(const hnsw_s* hnsw) {
-  jobq_s* const queue = std::atomic_ref(const_cast<hnsw_s*>(hnsw)->search_queue).load(std::memory_order_acquire);
+  jobq_s* const queue =
+      std::atomic_ref(const_cast<hnsw_s*>(hnsw)->search_queue).load(std::memory_order_acquire);
   return queue != nullptr && current_worker != nullptr && jobq_current_worker_queue() == queue;
 }
 
 bool run_queued_job(hnsw_s* hnsw) {
   if (!on_search_worker(hnsw)) return false;
+  search_worker* const outer = current_worker;
+  std::optional<search_worker> spare;
+  if (outer->walking()) {  // called from a host's filter: the scratch of this thread is in use
+    spare.emplace(hnsw);
+    if (!spare->ready()) return false;
+    current_worker = &*spare;
+  }
   jobs_s* const head = jobq_try_get(hnsw->search_queue);
-  if (head == nullptr) return false;
-  auto* const job = reinterpret_cast<search_job*>(head);
-  if (korvex_bulk_search_s* const bulk = job->session->bulk)
-    std::atomic_ref(bulk->started).fetch_add(1, std::memory_order_relaxed);
-  current_worker->run(job);
-  return true;
+  if (head != nullptr) run_job(hnsw, head);
+  current_worker = outer;
+  return head != nullptr;
 }
 
 void* korvex_search_thread(void* argument) {
@@ -191,10 +227,7 @@ void* korvex_search_thread(void* argument) {
         retired = jobq_thread_should_exit(queue, &record) != 0;
         continue;
       }
-      auto* const job = reinterpret_cast<search_job*>(head);
-      if (korvex_bulk_search_s* const bulk = job->session->bulk)
-        std::atomic_ref(bulk->started).fetch_add(1, std::memory_order_relaxed);
-      worker.run(job);
+      run_job(hnsw, head);
     }
     korvex_free_thread_index(hnsw, slot);
     current_worker = nullptr;

@@ -54,8 +54,8 @@ struct cache_results_s {
 int cache_vector_to_key(const float* vector, std::uint32_t dimension, std::uint32_t partition,
                         cache_keys_s* keys, cache_key_mode mode = cache_key_mode::whole_parts);
 
-// Whether a stored entry may be answered from: it is not empty or half written, its count fits and it was
-// not stored after `now` (a clock that was set back would keep it fresh for ever).
+// Whether a stored entry may be answered from: it is not empty or half written, its count fits and
+// it was not stored after `now` (a clock that was set back would keep it fresh for ever).
 bool cache_entry_valid(const cache_entry_s& entry, std::uint64_t now);
 
 // Makes the cache, or opens the one in the configuration's directory; nothing when there is one

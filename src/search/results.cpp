@@ -15,12 +15,14 @@ id_set::~id_set() {
 bool id_set::grow(std::uint32_t size) {
   int32find_s larger{};
   int32find_init(&larger, static_cast<int>(std::min<std::uint32_t>(size, 1u << 29)), "results");
-  auto* const ids = static_cast<std::uint32_t*>(std::realloc(ids_, sizeof(std::uint32_t) * larger.capacity));
-  if (ids != nullptr) ids_ = ids;
-  if (larger.capacity < size / 2 || ids == nullptr) {
+  // A set without a table has no room at all, and a resize to nothing would free the members.
+  const bool made = larger.capacity != 0 && larger.capacity >= size / 2;
+  void* const ids = made ? std::realloc(ids_, sizeof(std::uint32_t) * larger.capacity) : nullptr;
+  if (ids == nullptr) {
     int32find_free(&larger);
     return false;
   }
+  ids_ = static_cast<std::uint32_t*>(ids);
   for (std::uint32_t i = 0; i < count_; ++i) int32find_set(&larger, ids_[i], 1);
   int32find_free(&set_);
   set_ = larger;
@@ -28,7 +30,7 @@ bool id_set::grow(std::uint32_t size) {
 }
 
 bool id_set::add(std::uint32_t id, std::uint32_t size) {
-  if (!in_use() && !grow(std::max(size, 16u))) return false;
+  if (set_.initialised == 0 && !grow(std::max(size, 16u))) return false;
   if (int32find_get(&set_, id) != 0) return true;
   if (count_ + 1 > set_.capacity / 4 * 3 && !grow(set_.capacity * 2)) return false;
   int32find_set(&set_, id, 1);
@@ -36,10 +38,12 @@ bool id_set::add(std::uint32_t id, std::uint32_t size) {
   return true;
 }
 
-bool id_set::contains(std::uint32_t id) { return count_ != 0 && int32find_get(&set_, id) != 0; }
+bool id_set::contains(std::uint32_t id) {
+  return count_ != 0 && int32find_get(&set_, id) != 0;
+}
 
 void id_set::clear() {
-  if (in_use()) int32find_reset(&set_);
+  if (set_.initialised != 0) int32find_reset(&set_);
   count_ = 0;
 }
 
@@ -48,10 +52,12 @@ namespace {
 // One share: ids and distances of a primary and a secondary set.
 constexpr std::size_t share_bytes = 4 * sizeof(std::uint32_t);
 
-void place_sets(std::byte* share, std::uint32_t capacity, result_set* primary, result_set* secondary) {
+void place_sets(std::byte* share, std::uint32_t capacity, result_set* primary,
+                result_set* secondary) {
   auto* const words = reinterpret_cast<std::uint32_t*>(share);
   *primary = {0, words, reinterpret_cast<float*>(words + capacity)};
-  *secondary = {0, words + 2 * std::size_t{capacity}, reinterpret_cast<float*>(words + 3 * std::size_t{capacity})};
+  *secondary = {0, words + 2 * std::size_t{capacity},
+                reinterpret_cast<float*>(words + 3 * std::size_t{capacity})};
 }
 
 float key_at_cursor(const korvex_search_results_s& store, std::uint32_t slice) {
@@ -105,13 +111,16 @@ void results_clear(korvex_search_results_s* store, float direction) {
   }
 }
 
-void heapify(std::uint32_t* heap, std::uint32_t size, std::uint32_t position, const korvex_search_results_s& store) {
+void heapify(std::uint32_t* heap, std::uint32_t size, std::uint32_t position,
+             const korvex_search_results_s& store) {
   while (true) {
     const std::uint32_t left = 2 * position + 1;
     const std::uint32_t right = left + 1;
     std::uint32_t best = position;
-    if (left < size && key_at_cursor(store, heap[left]) < key_at_cursor(store, heap[best])) best = left;
-    if (right < size && key_at_cursor(store, heap[right]) < key_at_cursor(store, heap[best])) best = right;
+    if (left < size && key_at_cursor(store, heap[left]) < key_at_cursor(store, heap[best]))
+      best = left;
+    if (right < size && key_at_cursor(store, heap[right]) < key_at_cursor(store, heap[best]))
+      best = right;
     if (best == position) return;
     std::swap(heap[position], heap[best]);
     position = best;
@@ -164,7 +173,8 @@ void results_settle(korvex_search_results_s* store, id_set* delivered) {
     if (primary.count == 0) continue;
     slice.delivered = true;
     slice.delivered_key = store->direction * primary.distances[primary.count - 1];
-    for (std::uint32_t j = 0; j < primary.count; ++j) delivered->add(primary.ids[j] + 1, 4 * store->capacity);
+    for (std::uint32_t j = 0; j < primary.count; ++j)
+      delivered->add(primary.ids[j] + 1, 4 * store->capacity);
   }
 }
 

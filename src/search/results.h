@@ -20,7 +20,7 @@ class id_set {
   id_set(const id_set&) = delete;
   id_set& operator=(const id_set&) = delete;
 
-  bool in_use() const { return set_.initialised != 0; }
+  std::uint32_t size() const { return count_; }
   // Room for `size` ids on first use. False when memory is short.
   bool add(std::uint32_t id, std::uint32_t size);
   bool contains(std::uint32_t id);
@@ -44,13 +44,15 @@ struct result_set {
 struct result_slice {
   result_set primary;
   result_set secondary;
-  std::uint32_t cursor;     // how much of primary the merge passed on
-  bool delivered;           // something of this slice was delivered since the last new search
-  float delivered_key;      // key of the farthest of it
+  std::uint32_t cursor;  // how much of primary the merge passed on
+  bool delivered;        // something of this slice was delivered since the last new search
+  float delivered_key;   // key of the farthest of it
 };
 
-// The results of a session: one block, the arrays behind the header. With one probe the final set is the slice's own.
-// Threads   `lock` guards the copy; a slice belongs to the job of its probe, the rest to the job that finishes last.
+// The results of a session: one block, the arrays behind the header. With one probe the final set
+// is the slice's own.
+// Threads   `lock` guards the copy; a slice belongs to the job of its probe, the rest to the job
+//           that finishes last.
 struct korvex_search_results_s {
   std::uint32_t capacity;  // the largest k, never below 10
   std::uint32_t probes;    // slices
@@ -71,13 +73,14 @@ void results_destroy(korvex_search_results_s* store);
 // Before a new search: all sets empty.
 void results_clear(korvex_search_results_s* store, float direction);
 
-// The k nearest of all slices into the final set, by a heap over their cursors. Equal keys keep the order of probes.
-// Nothing is compared by id: the probes' graphs have no point in common.
+// The k nearest of all slices into the final set, by a heap over their cursors. Equal keys keep the
+// order of probes. Nothing is compared by id: the probes' graphs have no point in common.
 int korvex_merge_results(korvex_search_results_s* store, std::uint32_t probes, int k);
-void heapify(std::uint32_t* heap, std::uint32_t size, std::uint32_t position, const korvex_search_results_s& store);
+void heapify(std::uint32_t* heap, std::uint32_t size, std::uint32_t position,
+             const korvex_search_results_s& store);
 
-// Moves what the merge did not pass on to the front of each slice's reserve, and adds the internal ids of what was
-// delivered to `delivered`.
+// Moves what the merge did not pass on to the front of each slice's reserve, and adds the internal
+// ids of what was delivered to `delivered`.
 void results_settle(korvex_search_results_s* store, id_set* delivered);
 
 }  // namespace korvex

@@ -24,9 +24,13 @@ constexpr std::int64_t max_k = 1 << 24;
 constexpr int records_per_chunk = 128;
 constexpr std::uint64_t worker_exit_interval_ms = 1'000;
 
-std::uintptr_t aligned_up(std::uintptr_t address, std::uintptr_t to) { return (address + to - 1) / to * to; }
+std::uintptr_t aligned_up(std::uintptr_t address, std::uintptr_t to) {
+  return (address + to - 1) / to * to;
+}
 
-int wanted_results(int k) { return static_cast<int>(std::min<std::int64_t>(k < 1 ? default_k : k, max_k)); }
+int wanted_results(int k) {
+  return static_cast<int>(std::min<std::int64_t>(k < 1 ? default_k : k, max_k));
+}
 
 jobq_s* create_queue(const hnsw_s* hnsw) {
   jobq_s* const queue = jobq_init();
@@ -41,7 +45,9 @@ jobq_s* create_queue(const hnsw_s* hnsw) {
 void release_sessions(hnsw_s* hnsw) {
   for (void* const entry : hnsw->runtime->session_attachments) {
     auto* const attachment = static_cast<session_attachment*>(entry);
+    if (attachment->session != nullptr) drop_views(attachment->session);
     results_destroy(attachment->results);
+    cond_destroy(&attachment->done);
     delete attachment;
   }
   hnsw->runtime->session_attachments.clear();
@@ -56,20 +62,13 @@ session_attachment* create_attachment(hnsw_s* hnsw) {
   return attachment;
 }
 
-// Copies of views and results that callers own until the next search.
-void drop_views(korvex_search_ctx_s* session) {
-  if (session->ids_view.owned != 0) std::free(session->ids_view.ids);
-  if (session->distances_view.owned != 0) std::free(session->distances_view.distances);
-  session->ids_view = {};
-  session->distances_view = {};
-}
-
 // A store for k results; one that is large enough stays.
 bool korvex_search_results_alloc(hnsw_s* hnsw, korvex_search_ctx_s* session, int k) {
   session_attachment& attachment = *session->attachment;
   const auto capacity = static_cast<std::uint32_t>(std::max(wanted_results(k), default_k));
   if (attachment.results != nullptr && attachment.results->capacity >= capacity) return true;
-  korvex_search_results_s* const store = results_create(capacity, std::max(hnsw->runtime->probe_count, 1u));
+  korvex_search_results_s* const store =
+      results_create(capacity, std::max(hnsw->runtime->probe_count, 1u));
   if (store == nullptr) return false;
   results_destroy(attachment.results);
   attachment.results = store;
@@ -83,7 +82,9 @@ std::uint32_t candidates_to_look_at(const hnsw_s* hnsw, int radius, int k) {
   return static_cast<std::uint32_t>(std::min(ef, 2 * max_k));
 }
 
-void give_back(korvex_search_ctx_s* session) { std::atomic_ref(session->in_progress).store(0); }
+void give_back(korvex_search_ctx_s* session) {
+  std::atomic_ref(session->in_progress).store(0);
+}
 
 bool try_begin(korvex_search_ctx_s* session) {
   std::uint32_t idle = 0;
@@ -104,14 +105,18 @@ void take_query(hnsw_s* hnsw, korvex_search_ctx_s* session, const float* v) {
   normalize_vector(query, session->prepared, dimension);
 }
 
-bool stopped(const hnsw_s* hnsw) { return load_counter(hnsw->stop_searching) != 0; }
+bool stopped(const hnsw_s* hnsw) {
+  return load_counter(hnsw->stop_searching) != 0;
+}
 
 std::uint32_t refuse_empty(const hnsw_s* hnsw, korvex_search_ctx_s* session) {
+  give_back(session);
+  // A teardown is no fault, and a batch comes here once for every query that is left.
+  if (stopped(hnsw)) return search_failed;
   if (load_counter(hnsw->added) == 0)
     KORVEX_LOG_CRITICAL("No vectors were indexed, add vectors and try again\n");
   else
     KORVEX_LOG("*** BUG *** zero completed nodes, should not happen\n");
-  give_back(session);
   return search_failed;
 }
 
@@ -154,10 +159,13 @@ bool restart(hnsw_s* hnsw, korvex_search_ctx_s* session, search_mode mode) {
 korvex_search_ctx_s* session_of(hnsw_s* hnsw, std::uint32_t sid) {
   if (hnsw == nullptr || sid == 0) return nullptr;
   mempool_s* const pool = std::atomic_ref(hnsw->search_pool).load(std::memory_order_acquire);
-  return pool == nullptr ? nullptr : static_cast<korvex_search_ctx_s*>(mempool_get_from_id(pool, sid));
+  return pool == nullptr ? nullptr
+                         : static_cast<korvex_search_ctx_s*>(mempool_get_from_id(pool, sid));
 }
 
-korvex_search_results_s* session_results(const korvex_search_ctx_s* session) { return session->attachment->results; }
+korvex_search_results_s* session_results(const korvex_search_ctx_s* session) {
+  return session->attachment->results;
+}
 
 bool korvex_search_global_init(hnsw_s* hnsw) {
   if (std::atomic_ref(hnsw->search_queue).load(std::memory_order_acquire) != nullptr) return true;
@@ -186,10 +194,12 @@ korvex_search_ctx_s* korvex_search_init_ctx(hnsw_s* hnsw, int k) {
   if (hnsw == nullptr || stopped(hnsw) || !korvex_search_global_init(hnsw)) return nullptr;
   unsigned sid = 0;
   void* tag = nullptr;
-  auto* const session = static_cast<korvex_search_ctx_s*>(mempool_alloc(hnsw->search_pool, &sid, &tag));
+  auto* const session =
+      static_cast<korvex_search_ctx_s*>(mempool_alloc(hnsw->search_pool, &sid, &tag));
   if (session == nullptr) return nullptr;
   std::memset(static_cast<void*>(session), 0, sizeof *session);
-  session->attachment = tag != nullptr ? static_cast<session_attachment*>(tag) : create_attachment(hnsw);
+  session->attachment =
+      tag != nullptr ? static_cast<session_attachment*>(tag) : create_attachment(hnsw);
   session->index = hnsw;
   session->sid = sid;
   const std::uintptr_t first =
@@ -200,6 +210,7 @@ korvex_search_ctx_s* korvex_search_init_ctx(hnsw_s* hnsw, int k) {
     mempool_free(hnsw->search_pool, session, session->attachment);
     return nullptr;
   }
+  session->attachment->session = session;
   std::memset(const_cast<float*>(session->node.vector), 0, hnsw->vector_bytes);
   results_clear(session->attachment->results, hnsw->runtime->direction.load());
   session->attachment->excluded.clear();
@@ -288,6 +299,8 @@ std::uint32_t korvex_search_filter(hnsw_s* hnsw, std::uint32_t sid, std::uint32_
   return attachment.excluded.add(id + 1, 2 * std::max(session->k, 10u)) ? 0 : search_failed;
 }
 
-int korvex_search_refine_vector(hnsw_s*, std::uint32_t, const float*, const void*) { return -1; }
+int korvex_search_refine_vector(hnsw_s*, std::uint32_t, const float*, const void*) {
+  return -1;
+}
 
 }  // namespace korvex

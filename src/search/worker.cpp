@@ -23,14 +23,15 @@ constexpr int identity_shift = 4;
 enum cache_answer : int { exact_hit = 0 };
 
 // Host filters take public ids and a label; the walk knows internal ids.
-int ask_filter(const search_filter_callback filter, const void* data, hnsw_s* hnsw, std::uint32_t id) {
+int ask_filter(const search_filter_callback filter, const void* data, hnsw_s* hnsw,
+               std::uint32_t id) {
   const std::uint64_t label = hnsw->runtime->labels ? korvex_get_label(hnsw, id - 1) : 0;
   return filter(data, id - 1, label);
 }
 
 bool any_excluded(session_attachment* attachment) {
   std::lock_guard lock(attachment->lock);
-  return attachment->excluded.in_use();
+  return attachment->excluded.size() != 0;
 }
 
 bool is_excluded(session_attachment* attachment, std::uint32_t id) {
@@ -48,7 +49,8 @@ struct search_worker::cache_view {
   std::uint16_t ef;
 };
 
-search_worker::search_worker(hnsw_s* hnsw) : hnsw_(hnsw), nbrs_(korvex_nbrs_alloc(hnsw, candidate_elements)) {
+search_worker::search_worker(hnsw_s* hnsw)
+    : hnsw_(hnsw), nbrs_(korvex_nbrs_alloc(hnsw, candidate_elements)) {
   walk_.visited = bitstore_init(visited_bits);
 }
 
@@ -66,7 +68,9 @@ void search_worker::run(search_job* job) {
   walk_.budget = 0;
   walk_.radius_set = false;
   use_filter(session);
+  walking_ = true;
   search_slice(session, job->probe);
+  walking_ = false;
   complete_job(session, false);
 }
 
@@ -84,7 +88,8 @@ void search_worker::use_filter(korvex_search_ctx_s* session) {
 
 void search_worker::search_slice(korvex_search_ctx_s* session, std::uint32_t probe) {
   result_slice* const slice = &session_results(session)->slices[probe];
-  const bool nothing_delivered = session->mode == mode_more ? !slice->delivered : slice->primary.count == 0;
+  const bool nothing_delivered =
+      session->mode == mode_more ? !slice->delivered : slice->primary.count == 0;
   dropping_delivered_ = session->mode == mode_more;
   if (session->mode == mode_new || nothing_delivered)
     search_anew(session, probe, slice);
@@ -93,7 +98,8 @@ void search_worker::search_slice(korvex_search_ctx_s* session, std::uint32_t pro
   copy_out(session, slice);
 }
 
-void search_worker::search_anew(korvex_search_ctx_s* session, std::uint32_t probe, result_slice* slice) {
+void search_worker::search_anew(korvex_search_ctx_s* session, std::uint32_t probe,
+                                result_slice* slice) {
   slice->primary.count = 0;
   slice->secondary.count = 0;
   const std::uint32_t entry = entry_of(session, probe);
@@ -106,10 +112,13 @@ void search_worker::search_anew(korvex_search_ctx_s* session, std::uint32_t prob
   const std::uint64_t walk_start = cache_search_time();
   const std::uint64_t begin = platform::monotonic_ns();
   walk(session, entry);
-  if (cache.on) store_in_cache(session, cache, walk_start, (platform::monotonic_ns() - begin) / 1'000);
+  // A teardown cuts walks short.
+  if (cache.on && load_counter(hnsw_->stop_searching) == 0)
+    store_in_cache(session, cache, walk_start, (platform::monotonic_ns() - begin) / 1'000);
 }
 
-std::uint32_t search_worker::entry_of(const korvex_search_ctx_s* session, std::uint32_t probe) const {
+std::uint32_t search_worker::entry_of(const korvex_search_ctx_s* session,
+                                      std::uint32_t probe) const {
   vector_hash_node_s query;
   query.query = session->node.vector;
   query.vector = session->prepared;
@@ -119,15 +128,16 @@ std::uint32_t search_worker::entry_of(const korvex_search_ctx_s* session, std::u
   return usable_entry(hnsw_, answer.id != 0 ? answer.id : seed, seed);
 }
 
-// True when the cached candidates answer the query without a walk; otherwise they are where the walk begins.
+// True when the cached candidates answer the query without a walk; otherwise they are where the
+// walk begins.
 bool search_worker::seed_from_cache(korvex_search_ctx_s* session, const cache_view& cache) {
   std::uint32_t ids[cache_max_ids];
   cache_results_s cached;
   cached.ids = ids;
   cached.capacity = cache_max_ids;
   const float* const query = session->node.vector;
-  const int answer =
-      cache_search_results_get(query, hnsw_->dimension, cache.ef, cache.partition, &cached, cache_max_ids, cache.keys);
+  const int answer = cache_search_results_get(query, hnsw_->dimension, cache.ef, cache.partition,
+                                              &cached, cache_max_ids, cache.keys);
   if (answer < 0) return false;
   const bool exact = answer == exact_hit && session->ef <= cache_max_ids;
   const std::uint32_t count = std::min(cached.ef_and_count & 0xFFFFu, session->ef);
@@ -139,30 +149,35 @@ bool search_worker::seed_from_cache(korvex_search_ctx_s* session, const cache_vi
     korvex_nbrs_add(nbrs_, ids[i], key, 0, exact ? 1 : 0);
   }
   if (!exact || nbrs_->candidates->size() == 0) return false;
-  if (cache.keys == cache_key_mode::whole_parts && !hnsw_->runtime->cache_advice_given.load(std::memory_order_relaxed)) {
-    const bool all_small =
-        std::all_of(query, query + hnsw_->dimension, [](float component) { return std::fabs(component) < 1.0f; });
+  if (cache.keys == cache_key_mode::whole_parts &&
+      !hnsw_->runtime->cache_advice_given.load(std::memory_order_relaxed)) {
+    const bool all_small = std::all_of(query, query + hnsw_->dimension,
+                                       [](float component) { return std::fabs(component) < 1.0f; });
     if (all_small && !hnsw_->runtime->cache_advice_given.exchange(true))
       KORVEX_LOG(
-          "a query whose components all lie within (-1, 1) was answered from the result cache; scale the vectors, by "
+          "a query whose components all lie within (-1, 1) was answered from the result cache; "
+          "scale the vectors, by "
           "10000 say, or set the result cache to exact keys\n");
   }
   return true;
 }
 
-void search_worker::store_in_cache(korvex_search_ctx_s* session, const cache_view& cache, std::uint64_t walk_start,
-                                   std::uint64_t elapsed_usec) {
+void search_worker::store_in_cache(korvex_search_ctx_s* session, const cache_view& cache,
+                                   std::uint64_t walk_start, std::uint64_t elapsed_usec) {
   std::uint32_t ids[cache_max_ids];
   std::uint32_t count = 0;
-  for (const linklist_link_s* link = nbrs_->candidates->get_head(); link != nullptr && count < cache_max_ids;
-       link = link->next)
+  for (const linklist_link_s* link = nbrs_->candidates->get_head();
+       link != nullptr && count < cache_max_ids; link = link->next)
     ids[count++] = static_cast<const korvex_nelem_s*>(link->data)->id;
-  for (std::int32_t i = 0; i < nbrs_->dropped_count && count < cache_max_ids; ++i) ids[count++] = nbrs_->dropped[i];
+  for (std::int32_t i = 0; i < nbrs_->dropped_count && count < cache_max_ids; ++i)
+    ids[count++] = nbrs_->dropped[i];
   cache_search_results_set(session->node.vector, hnsw_->dimension, cache.ef, cache.partition,
-                           static_cast<std::uint32_t>(elapsed_usec), ids, count, walk_start, cache.keys);
+                           static_cast<std::uint32_t>(elapsed_usec), ids, count, walk_start,
+                           cache.keys);
 }
 
-void search_worker::search_on(korvex_search_ctx_s* session, std::uint32_t probe, result_slice* slice) {
+void search_worker::search_on(korvex_search_ctx_s* session, std::uint32_t probe,
+                              result_slice* slice) {
   korvex_search_results_s* const store = session_results(session);
   const bool excludes = any_excluded(session->attachment);
   const bool more = session->mode == mode_more;
@@ -178,11 +193,24 @@ void search_worker::search_on(korvex_search_ctx_s* session, std::uint32_t probe,
   mark_visited(seeds);
   if (more) {
     mark_visited(slice->primary);
-    for (std::uint32_t i = 0; i < session->tie_count; ++i) bitstore_set(walk_.visited, session->ties[i] + 1);
+    for (std::uint32_t i = 0; i < session->tie_count; ++i)
+      bitstore_set(walk_.visited, session->ties[i] + 1);
     walk_.radius = slice->delivered_key;
     walk_.radius_set = true;
   }
   walk(session, nbrs_->candidates->size() != 0 ? 0 : entry_of(session, probe));
+  if (more && nbrs_->candidates->size() < static_cast<int>(session->ef))
+    search_around(session, probe);
+}
+
+// The walk ended for lack of points. What it passed over as delivered may have hidden others behind
+// it: a walk that keeps those in its beam finds all that can be reached.
+void search_worker::search_around(korvex_search_ctx_s* session, std::uint32_t probe) {
+  korvex_nbrs_reset(hnsw_, nbrs_);
+  bitstore_reset(walk_.visited);
+  walk_.radius_set = false;
+  walk_.beam = static_cast<std::int32_t>(session->ef + session->attachment->delivered.size());
+  walk(session, entry_of(session, probe));
 }
 
 void search_worker::walk(korvex_search_ctx_s* session, std::uint32_t entry) {
@@ -190,7 +218,8 @@ void search_worker::walk(korvex_search_ctx_s* session, std::uint32_t entry) {
   korvex_search_candidates(hnsw_, &walk_, nbrs_, &session->node, entry, shared);
 }
 
-std::uint32_t search_worker::copy_results(korvex_search_ctx_s* session, result_set* set, std::uint32_t k) {
+std::uint32_t search_worker::copy_results(korvex_search_ctx_s* session, result_set* set,
+                                          std::uint32_t k) {
   const float direction = session_results(session)->direction;
   const bool excludes = any_excluded(session->attachment);
   std::uint32_t id = 0;
@@ -201,7 +230,9 @@ std::uint32_t search_worker::copy_results(korvex_search_ctx_s* session, result_s
     if (dropping_delivered_ && session->attachment->delivered.contains(id)) continue;
     if (korvex_is_flag_set_internal(hnsw_, id, flags_hidden) != 0) continue;
     // The walk filters what it meets, not where it begins.
-    if (hops == 0 && filter_.filter != nullptr && ask_filter(filter_.filter, filter_.data, hnsw_, id) != 0) continue;
+    if (hops == 0 && filter_.filter != nullptr &&
+        ask_filter(filter_.filter, filter_.data, hnsw_, id) != 0)
+      continue;
     set->ids[set->count] = id - 1;
     set->distances[set->count++] = direction * key;
   }
@@ -210,7 +241,8 @@ std::uint32_t search_worker::copy_results(korvex_search_ctx_s* session, result_s
 
 // One probe answers a bulk query on its own: straight into the batch's row.
 bool search_worker::copy_to_bulk(korvex_search_ctx_s* session) {
-  if (session->bulk_output == nullptr || hnsw_->runtime->probe_count != 1 || nbrs_->candidates->size() == 0)
+  if (session->bulk_output == nullptr || hnsw_->runtime->probe_count != 1 ||
+      nbrs_->candidates->size() == 0)
     return false;
   result_set* const primary = &session_results(session)->slices[0].primary;
   copy_results(session, primary, std::min(session->k, session_results(session)->capacity));

@@ -16,6 +16,9 @@ class search_worker {
   search_worker& operator=(const search_worker&) = delete;
 
   bool ready() const { return nbrs_ != nullptr && walk_.visited != nullptr; }
+  // Whether run() is in its walk, where a host's filter may want other jobs run: they need another
+  // worker.
+  bool walking() const { return walking_; }
   // Searches one probe for one session; the last job of a session completes it.
   void run(search_job* job);
 
@@ -24,11 +27,12 @@ class search_worker {
 
   void search_slice(korvex_search_ctx_s* session, std::uint32_t probe);
   void search_anew(korvex_search_ctx_s* session, std::uint32_t probe, result_slice* slice);
+  void search_around(korvex_search_ctx_s* session, std::uint32_t probe);
   void search_on(korvex_search_ctx_s* session, std::uint32_t probe, result_slice* slice);
   std::uint32_t entry_of(const korvex_search_ctx_s* session, std::uint32_t probe) const;
   bool seed_from_cache(korvex_search_ctx_s* session, const cache_view& cache);
-  void store_in_cache(korvex_search_ctx_s* session, const cache_view& cache, std::uint64_t walk_start,
-                      std::uint64_t elapsed_usec);
+  void store_in_cache(korvex_search_ctx_s* session, const cache_view& cache,
+                      std::uint64_t walk_start, std::uint64_t elapsed_usec);
   void walk(korvex_search_ctx_s* session, std::uint32_t entry);
   void use_filter(korvex_search_ctx_s* session);
   std::uint32_t copy_results(korvex_search_ctx_s* session, result_set* set, std::uint32_t k);
@@ -44,6 +48,7 @@ class search_worker {
     hnsw_s* hnsw;
   } filter_{};
   bool dropping_delivered_ = false;
+  bool walking_ = false;
 };
 
 // The body of a search thread; the argument is the runtime, with one use taken for the thread.

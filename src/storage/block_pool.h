@@ -9,9 +9,10 @@ namespace korvex {
 
 // Three allocators for short-lived objects of fixed sizes: a block pool (one size, grows by half),
 // a multi-size pool (one block pool a size class) and a bump pool (one fixed array, emptied as a
-// whole). Threads     none of them locks; an instance belongs to one thread at a time. Ownership
-// blocks belong to their pool and live until it is destroyed; a reset takes all of them back at
-// once.
+// whole).
+// Threads     none of them locks; an instance belongs to one thread at a time.
+// Ownership   blocks belong to their pool and live until it is destroyed; a reset takes all of them
+//             back at once.
 
 struct blockpool_slab_s {
   blockpool_slab_s* next;

@@ -10,12 +10,12 @@
 namespace korvex {
 
 // Fixed-capacity hash set of 32-bit ids with one flag byte an id; emptied in constant time by a new
-// session number. Threads     one thread at a time; the _locked forms exclude each other only.
+// session number.
+// Threads     one thread at a time; the _locked forms exclude each other only.
 // Capacity    the requested size, rounded up to a power of two; a full set reports a line and acts
-// as if the key were
-//             absent.
-// A plain record, so that it can be a member of records that live in files; it must be initialised
-// in each process.
+//             as if the key were absent.
+// Layout      a plain record, so that it can be a member of records that live in files; it must be
+//             initialised in each process.
 struct int32find_s {
   pthread_mutex_t mutex;  // of the _locked forms
   std::uint64_t count;

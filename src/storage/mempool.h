@@ -5,12 +5,14 @@ namespace korvex {
 
 // Fixed-size elements carved from large chunks; an element can be found again from its id, and a
 // word left with an element when it is freed (its tag) comes back with the allocation that reuses
-// it. The element freed longest ago is reused first. Threads     alloc, free and reset take the
-// pool's mutex; mempool_get_from_id and reading elements take none. A reset
-//             or destroy must be alone with the elements and chunks it releases.
+// it. The element freed longest ago is reused first.
+// Threads     alloc, free and reset take the pool's mutex; mempool_get_from_id and reading elements
+//             take none. A reset or destroy must be alone with the elements and chunks it releases.
 // Ownership   elements belong to the pool; a pointer lives until mempool_free, a reset or
-// mempool_destroy. Alignment   elements are aligned to 8 bytes and no more. Invariant   a free
-// element is on the free list exactly once (its in-use byte is exchanged, not stored).
+//             mempool_destroy.
+// Alignment   elements are aligned to 8 bytes and no more.
+// Invariant   a free element is on the free list exactly once (its in-use byte is exchanged, not
+//             stored).
 struct mempool_s;
 
 // Sizes are in bytes, counts in elements. per_chunk 0 means 256; first_chunk is the size of the

@@ -66,10 +66,11 @@ struct link_runs_s {
 }  // namespace detail
 
 // Intrusive doubly linked list in ascending order of a float key. Of equal keys the newest comes
-// first. Threads     one at a time. Ownership   links handed to add() belong to the caller and are
-// never freed here. Links that add(void*) takes from the
-//             pool return to it all at once, at reset(). The destructor destroys the pool, whoever
-//             made it.
+// first.
+// Threads     one at a time.
+// Ownership   links handed to add() belong to the caller and are never freed here. Links that
+//             add(void*) takes from the pool return to it all at once, at reset(). The destructor
+//             destroys the pool, whoever made it.
 // Keys        NaN is stored as the largest finite float, so that the order is always total.
 class sortedlist_c {
  public:

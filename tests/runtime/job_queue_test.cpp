@@ -158,6 +158,52 @@ TEST(JobQueue, DeliversEveryJobExactlyOnce) {
   }
 }
 
+// Meets each waiter between counting itself and sleeping. One job at a time, so that nothing later
+// makes up for a lost wake-up; the long timeout alone would end the wait.
+TEST(JobQueue, NoWakeUpIsLostOnTheWayToSleep) {
+  const queue_owner owner = make_queue();
+  jobq_s* queue = owner.get();
+  const std::uint64_t late_ns = 2'000'000'000;
+  const auto linger = [queue](int round) {  // 0 to some hundred nanoseconds
+    for (int left = round % 128; left > 0; --left) jobq_has_front(queue);
+  };
+  numbered_job jobs[2];
+  constexpr int rounds = 10'000;
+  std::atomic<int> taken{0};
+  std::atomic<int> lost{0};
+  std::thread worker([&] {
+    while (taken < rounds && lost == 0) jobq_get(queue, 2000) != nullptr ? ++taken : ++lost;
+  });
+  for (int i = 0; i < rounds && lost == 0; ++i) {
+    while (jobq_thread_count_waiting(queue) == 0 && lost == 0) {
+    }
+    linger(i);
+    jobq_add(queue, &jobs[0], 0);
+    await([&] { return taken > i || lost != 0; });
+  }
+  worker.join();
+  EXPECT_EQ(lost, 0) << "workers";
+
+  jobq_set_blocking(queue, 1);
+  jobq_add(queue, &jobs[0], 0);
+  std::atomic<int> added{0};
+  std::thread producer([&] {
+    for (int i = 1; i <= rounds && lost == 0; ++i, ++added) jobq_add(queue, &jobs[i % 2], 0);
+  });
+  for (int i = 0; i < rounds && lost == 0; ++i) {
+    while (jobq_producer_count_waiting(queue) == 0) {
+    }
+    linger(i);
+    jobq_try_get(queue);
+    const std::uint64_t start = platform::monotonic_ns();
+    await([&] { return added > i || platform::monotonic_ns() - start > late_ns; });
+    if (added <= i) ++lost;
+  }
+  jobq_set_blocking(queue, 0);
+  producer.join();
+  EXPECT_EQ(lost, 0) << "producers";
+}
+
 TEST(JobQueue, AnIdleWorkerSleepsAfterTheFirstJob) {
   const queue_owner owner = make_queue();
   jobq_s* queue = owner.get();

@@ -43,6 +43,8 @@ std::int64_t write_at(int fd, const void* data, std::uint64_t size, std::uint64_
 bool write_all(int fd, const void* data, std::uint64_t size);
 // The same through an open stream, after what it holds: one write, so that no other gets in between.
 bool write_stream(std::FILE* stream, const void* data, std::uint64_t size);
+// Whether a person watches what is written to the stream.
+bool is_terminal(std::FILE* stream);
 
 // Sets the length; the new range reads as zeros and takes no room on disk yet. 0 or -1.
 int set_file_size(int fd, std::uint64_t size);

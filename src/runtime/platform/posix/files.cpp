@@ -153,6 +153,10 @@ bool write_stream(std::FILE* stream, const void* data, std::uint64_t size) {
   return done;
 }
 
+bool is_terminal(std::FILE* stream) {
+  return isatty(fileno(stream)) == 1;
+}
+
 int set_file_size(int fd, std::uint64_t size) {
   if (fault_injected(fault_point::resize)) {
     errno = ENOSPC;

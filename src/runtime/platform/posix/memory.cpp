@@ -24,6 +24,10 @@ namespace {
 
 constexpr std::uint64_t largest_size = std::numeric_limits<std::ptrdiff_t>::max();
 
+// Mappings from this size on ask for large pages where the system lends them: random reads of a walk then find their
+// translation in the processor. Smaller ones would take a whole large page for a few records.
+constexpr std::uint64_t advised_bytes = std::uint64_t{64} << 20;
+
 // Requires a power of two as the multiple; 0 when the result would not be addressable.
 std::uint64_t round_up(std::uint64_t size, std::uint64_t multiple) {
   return size > largest_size - multiple ? 0 : (size + multiple - 1) & ~(multiple - 1);
@@ -92,10 +96,11 @@ void* map_anonymous(std::uint64_t size, std::uint64_t align, bool large_pages,
   if (bytes == 0) return nullptr;
 
   void* data = nullptr;
-  if (large >= align) data = map_pages(bytes, MAP_HUGETLB);
+  if (large != 0 && large >= align) data = map_pages(bytes, MAP_HUGETLB);
   if (data == nullptr) {
-    data = map_aligned(bytes, std::max(align, large));
-    if (data != nullptr && large != 0) ::madvise(data, bytes, MADV_HUGEPAGE);
+    const bool advised = large != 0 || bytes >= advised_bytes;
+    data = map_aligned(bytes, std::max(align, advised ? large_page_size() : 0));
+    if (data != nullptr && advised) ::madvise(data, bytes, MADV_HUGEPAGE);
   }
   if (data != nullptr) *mapped_bytes = bytes;
   return data;

@@ -1,0 +1,59 @@
+#ifndef KORVEX_BENCH_COMPARE_ADAPTER_H
+#define KORVEX_BENCH_COMPARE_ADAPTER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "dataset.h"
+
+namespace korvex::compare {
+
+inline constexpr std::uint32_t no_id = 0xFFFFFFFF;
+
+// The same for every library, so that the graphs are of one size.
+struct index_settings {
+  std::size_t dimension = 0;
+  std::size_t capacity = 0;       // vectors, known to those libraries that must know it ahead
+  int links = 16;                 // neighbours a new vector chooses; twice as many may point at it
+  int construction_effort = 200;  // candidates looked at while a vector is linked
+};
+
+// One library under measurement: an empty index from its making on. Squared Euclidean distance.
+// Threads     called from one thread.
+class adapter {
+ public:
+  virtual ~adapter() = default;
+  // Name, version and settings, for the report.
+  virtual std::string description() const = 0;
+  // Adds all rows, row i under id i, and returns when all are searchable. Called once; this call is what is timed.
+  virtual void build(const matrix& vectors, int threads) = 0;
+  // Answers every row with one thread: ids receives k ids a row, nearest first, no_id where there is none. Timed.
+  virtual void search_all(const matrix& queries, unsigned effort, unsigned k,
+                          std::uint32_t* ids) = 0;
+  // Smaller efforts than this are raised to it.
+  virtual unsigned least_effort() const { return 1; }
+  // Distances computed by searches so far, 0 when the library does not count them.
+  virtual std::uint64_t evaluations() const { return 0; }
+};
+
+// A library that this program knows. One that was missing when the program was built has no `make`, but a reason.
+struct peer {
+  const char* name;
+  std::unique_ptr<adapter> (*make)(const index_settings&);
+  const char* absent;
+};
+
+// The measured library first, those that it is measured against behind it.
+std::span<const peer> peers();
+const peer* find_peer(const std::string& name);
+
+// Each stands in its own file.
+std::unique_ptr<adapter> make_korvex_contract(const index_settings& settings);
+std::unique_ptr<adapter> make_hnswlib(const index_settings& settings);
+
+}  // namespace korvex::compare
+
+#endif  // KORVEX_BENCH_COMPARE_ADAPTER_H

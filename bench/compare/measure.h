@@ -1,0 +1,53 @@
+#ifndef KORVEX_BENCH_COMPARE_MEASURE_H
+#define KORVEX_BENCH_COMPARE_MEASURE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "adapter.h"
+#include "dataset.h"
+#include "truth.h"
+
+namespace korvex::compare {
+
+struct plan {
+  std::vector<const peer*> peers;
+  index_settings settings;
+  std::vector<int> build_threads;
+  int build_rounds = 1;
+  int search_rounds = 3;
+  std::vector<unsigned> efforts;  // ascending
+  unsigned k = 10;
+};
+
+// One point of a curve. seconds holds one time a round, for all queries.
+struct level {
+  unsigned effort = 0;
+  double recall = 0;
+  double evaluations = 0;  // a query, 0 when not counted
+  std::vector<double> seconds;
+};
+
+struct build_times {
+  int threads = 0;
+  std::vector<double> seconds;  // one a round
+};
+
+struct peer_result {
+  std::string name;
+  std::string description;
+  double bytes_a_vector = 0;  // growth of resident memory by the first build
+  std::vector<build_times> builds;
+  std::vector<level> levels;
+};
+
+// Builds and searches with all peers in turn. Rounds and, within a search round, efforts are the outer loops and peers
+// the innermost, in an order that turns round each time: whatever drifts on the machine meets all of them. The index of
+// the last build is searched; a first pass without a clock warms every level up and takes its recall.
+std::vector<peer_result> measure(const plan& plan, const dataset& data, const exact_truth& truth);
+
+}  // namespace korvex::compare
+
+#endif  // KORVEX_BENCH_COMPARE_MEASURE_H

@@ -1,0 +1,35 @@
+#ifndef KORVEX_BENCH_COMPARE_REPORT_H
+#define KORVEX_BENCH_COMPARE_REPORT_H
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "measure.h"
+
+namespace korvex::compare {
+
+struct summary {
+  double median = 0;
+  double low = 0;
+  double high = 0;
+};
+summary summarise(std::vector<double> values);
+
+// Queries a second where a curve reaches a recall, in one round: the logarithm of the rate is taken to be linear in the
+// recall between two measured levels. Empty outside of what was measured.
+std::optional<double> rate_at(const std::vector<level>& levels, std::size_t round,
+                              std::size_t n_queries, double recall);
+
+// The first peer's curve against each other's: tables for people.
+void print_report(std::ostream& out, const plan& plan, const dataset& data,
+                  const std::vector<peer_result>& results);
+
+// One line a measured value: what,peer,threads,effort,recall,evaluations,round,value,unit. False when the file fails.
+bool write_csv(const std::string& path, const std::vector<peer_result>& results,
+               std::size_t n_queries);
+
+}  // namespace korvex::compare
+
+#endif  // KORVEX_BENCH_COMPARE_REPORT_H

@@ -1,0 +1,104 @@
+#include "cli/console.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+
+#include "cli/errors.h"
+#include "cli/format.h"
+#include "engine/startup.h"
+#include "runtime/log.h"
+#include "runtime/platform/clock.h"
+#include "runtime/platform/files.h"
+
+namespace korvex::cli {
+
+namespace {
+
+constexpr int stderr_fd = 2;
+constexpr auto redraw_interval = std::chrono::milliseconds(200);
+constexpr const char* clear_line = "\r\x1b[K";
+
+std::string duration(double seconds) {
+  const auto whole = static_cast<std::uint64_t>(std::ceil(seconds));
+  if (whole < 60) return fmt::format("{} s", whole);
+  if (whole < 3600) return fmt::format("{} min {:02} s", whole / 60, whole % 60);
+  return fmt::format("{} h {:02} min", whole / 3600, whole / 60 % 60);
+}
+
+void write_all(std::FILE* stream, std::string_view text, const std::string& name) {
+  const bool written = std::fwrite(text.data(), 1, text.size(), stream) == text.size();
+  if (!written || std::fflush(stream) != 0)
+    throw tool_error(exit_output, name + ": cannot be written: " + platform::error_text(errno));
+}
+
+}  // namespace
+
+void start_log(const std::string& path) {
+  korvex_process_start();
+  int fd = stderr_fd;
+  if (!path.empty()) fd = platform::open_file(path.c_str(), platform::open_mode::truncate);
+  if (fd < 0)
+    throw tool_error(exit_output, path + ": cannot be written: " + platform::error_text(errno));
+  log_setfd(fd);
+}
+
+void finish_log() {
+  log_wait_empty();
+  log_flush();
+}
+
+void print_result(std::string_view text) {
+  write_all(stdout, text, "standard output");
+}
+
+void write_result_file(const std::string& path, std::string_view text) {
+  const int fd = platform::open_file(path.c_str(), platform::open_mode::truncate);
+  const bool written = fd >= 0 && platform::write_all(fd, text.data(), text.size());
+  const int error = errno;
+  if (fd >= 0) platform::close_file(fd);
+  if (!written)
+    throw tool_error(exit_output, path + ": cannot be written: " + platform::error_text(error));
+}
+
+progress::progress(std::string label, std::uint64_t total, std::function<std::uint64_t()> done)
+    : label_(std::move(label)),
+      total_(total),
+      done_(std::move(done)),
+      began_ns_(platform::monotonic_ns()) {
+  if (platform::is_terminal(stderr)) drawer_ = std::thread(&progress::draw_until_stopped, this);
+}
+
+progress::~progress() {
+  if (!drawer_.joinable()) return;
+  {
+    const std::lock_guard lock(mutex_);
+    stop_ = true;
+  }
+  stopped_.notify_one();
+  drawer_.join();
+}
+
+void progress::draw_until_stopped() {
+  std::unique_lock lock(mutex_);
+  while (!stopped_.wait_for(lock, redraw_interval, [this] { return stop_; })) draw();
+  fmt::print(stderr, "{}", clear_line);
+}
+
+// The cursor goes back to the front, so that a line of the log replaces this one.
+void progress::draw() {
+  const std::uint64_t done = std::min(done_(), total_);
+  const double seconds = static_cast<double>(platform::monotonic_ns() - began_ns_) / 1e9;
+  const double rate = static_cast<double>(done) / seconds;
+  const std::string left =
+      done == 0 ? "" : ", " + duration(static_cast<double>(total_ - done) / rate) + " left";
+  fmt::print(stderr, "{}{}: {} of {}, {}/s{}\r", clear_line, label_, grouped(done), grouped(total_),
+             grouped(static_cast<std::uint64_t>(rate)), left);
+  std::fflush(stderr);
+}
+
+}  // namespace korvex::cli

@@ -1,0 +1,63 @@
+#ifndef KORVEX_CLI_READERS_ROW_LAYOUT_H
+#define KORVEX_CLI_READERS_ROW_LAYOUT_H
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "cli/readers/byte_source.h"
+#include "cli/readers/vector_file.h"
+
+namespace korvex::cli {
+
+enum class element_type { u8, i8, u16, i16, u32, i32, f32, f64 };
+
+std::size_t element_bytes(element_type type);
+
+// What a header says about the rows that follow it.
+struct row_layout {
+  element_type type = element_type::f32;
+  std::endian order = std::endian::little;
+  std::uint64_t dimension = 0;
+  std::optional<std::uint64_t> rows;  // none: until the end of the file
+  std::uint64_t header_bytes = 0;
+  bool prefixed = false;  // each row begins with its dimension, 32 bits, little endian
+
+  std::uint64_t row_bytes() const;
+};
+
+// Parsers of headers: they read the header (of vecs files nothing) and check its fields one by one.
+row_layout parse_vecs(byte_source& source, element_type type);
+row_layout parse_idx(byte_source& source);
+row_layout parse_npy(byte_source& source);
+
+// Refuses a layout that no index could take or that the file's length does not bear; fills in the
+// rows of a plain file. Every size fits 64 bits once dimension and rows are within their limits.
+void check_layout(const byte_source& source, row_layout& layout);
+
+// Reads the rows of a layout as raw elements, row prefixes checked and left out.
+class row_reader {
+ public:
+  // Requirements  the layout was checked, the source stands behind its header
+  row_reader(byte_source& source, const row_layout& layout) : source_(source), layout_(layout) {}
+  // As vector_file::read; `out` takes count x dimension elements.
+  std::size_t read(std::size_t count, unsigned char* out);
+
+ private:
+  bool read_row(unsigned char* out);
+  bool read_prefix();
+
+  byte_source& source_;
+  const row_layout layout_;
+  std::uint64_t next_row_ = 0;
+};
+
+// Elements of the file to floats.
+void convert_elements(const unsigned char* raw, std::size_t count, element_type type,
+                      std::endian order, float* out);
+std::uint32_t load_u32(const unsigned char* bytes, std::endian order);
+
+}  // namespace korvex::cli
+
+#endif  // KORVEX_CLI_READERS_ROW_LAYOUT_H
