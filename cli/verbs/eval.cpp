@@ -53,7 +53,7 @@ struct eval_options {
   std::uint64_t seed = 1;
   index_options index;
   int k = 10, rounds = 3;
-  std::vector<int> radii = {10, 20, 50, 100, 200, 400};
+  std::vector<int> radii = {20, 50, 100, 200, 400};
   bool json = false;
 };
 
@@ -115,6 +115,7 @@ void add_measurement_options(CLI::App& command, eval_options& options) {
           "Candidates a query looks at, at least: a list with commas, one line of the table "
           "each. An index looks at 2 x k or more whatever the radius")
       ->delimiter(',')
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
       ->check(CLI::Range(1, 1 << 20));
   command
       .add_option("--rounds", options.rounds,
@@ -321,7 +322,8 @@ verb add_eval(CLI::App& tool) {
       "one query at a time; both go through the public interface.\n" +
       std::string(exit_code_help));
   auto options = std::make_shared<eval_options>();
-  command->option_defaults()->always_capture_default();
+  command->option_defaults()->always_capture_default()->multi_option_policy(
+      CLI::MultiOptionPolicy::TakeLast);
   add_data_options(*command, *options);
   add_index_options(*command, *options);
   add_measurement_options(*command, *options);

@@ -10,9 +10,9 @@
 // Ids        a vector's id is its position in the order of additions, from 0.
 // Distances  raw values of the chosen metric: squared or plain Euclidean distance, or the dot
 //            product (larger is nearer).
-// Failures   nothing is thrown but what the start-up of an index may throw; each call names its
-//            failure value, and each refusal prints one line to the log (standard output, unless
-//            told otherwise).
+// Failures   nothing is thrown; each call names its failure value, and each refusal prints one line
+//            to the log (standard output, unless told otherwise). What a host's listener throws is
+//            caught, logged and dropped.
 // Threads    every operation of an index may be called from any thread. Configuration belongs
 //            before the first addition or session. A session runs one query at a time.
 
@@ -106,8 +106,9 @@ class Korvex {
 
   virtual ~Korvex() = default;
   virtual unsigned getId() = 0;
-  // Stops the index and releases it, within 110 ms; sessions that are left over answer with failure
-  // values from then on.
+  // Stops the index and releases it, within 110 ms. No other call of the index may be under way but
+  // those of its sessions; sessions that are left over answer with failure values from then on and
+  // still want their own destroy(). May be called from a listener.
   virtual void destroy() = 0;
   // The engine's record of this index, for the functions of korvex/engine.h.
   virtual hnsw_s* get_base(int unused) = 0;
@@ -158,7 +159,7 @@ class Korvex {
   virtual void setDuplicateThreshold(int mode, float threshold, int option) = 0;
 
   // The id of the vector, or 0 on failure (0 is also the first id). The label is kept when labels
-  // are enabled.
+  // are enabled (korvex_enable_label in korvex/engine.h, before the first addition or session).
   virtual unsigned addVector(const float* vector, int unused, unsigned long long label) = 0;
   // `count` vectors row after row; the first id in the low and the last in the high 32 bits.
   virtual unsigned long long addVectors(const float* vectors, int count, int unused) = 0;
@@ -172,10 +173,14 @@ class Korvex {
   virtual void destroyIndexOnDelete(int enable) = 0;
 
   // A session for one query at a time. `radius`: how many candidates a query looks at, at least.
-  // Never null.
+  // Null only when memory is short; when the index cannot be started every operation of the session
+  // answers with its failure value.
   virtual KorvexQuery* createQuerySession(int radius, int k) = 0;
   virtual KorvexBulkQuery* createBulkQuerySession(int radius) = 0;
+  // The object of a session id, or null.
   virtual KorvexQuery* getQuerySession(unsigned session_id) = 0;
+  // In the chosen metric; the value that is farthest in it (3.4e38, or -3.4e38 for the inner
+  // product) when a vector is missing.
   virtual float distance(const float* a, const float* b) = 0;
   virtual float distance(unsigned id, const float* vector) = 0;
   virtual void normalize(float* vector, int dimension) = 0;
@@ -186,7 +191,7 @@ class KorvexQuery {
  public:
   virtual ~KorvexQuery() = default;
   virtual void destroy() = 0;
-  virtual Korvex* getParent() = 0;
+  virtual Korvex* getParent() = 0;  // null once the index is gone
   virtual unsigned get_objid() = 0;
   virtual unsigned getSessionId() = 0;
   // `filter` non-zero asks onFilter for every candidate; such queries bypass the result cache.
@@ -219,8 +224,10 @@ class KorvexBulkQuery {
   virtual void setUserData(void* data) = 0;
   virtual void* getUserData() = 0;
   virtual int setRadius(int radius) = 0;
-  // n queries row after row. With a listener it returns at once and the listener is called when all
-  // are answered; without one it returns when most are. k below 1 means 10. 0, or 0xFFFFFFFF.
+  // n queries row after row; they are copied. With a listener it returns at once and the listener
+  // is called when all are answered; without one it returns when most are. A query that could not
+  // be answered has a row of zeros. k below 1 means 10. 0, or 0xFFFFFFFF. Waits for the batch
+  // before.
   virtual unsigned query(const float* vectors, int n, int unused, int k) = 0;
   virtual korvex_bulk_results_s* getResultIds(int unused) = 0;  // waits for the whole batch
   virtual void printResults() = 0;

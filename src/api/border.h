@@ -6,8 +6,8 @@
 #include "engine/runtime.h"
 #include "runtime/log.h"
 
-// What every operation of the binary contract shares: no exception leaves it, each refusal is one line, and objects
-// that outlive their index answer without touching it.
+// What every operation of the binary contract shares: no exception leaves it, each refusal is one
+// line, and objects that outlive their index answer without touching it.
 namespace korvex {
 
 inline void log_refusal(const char* operation, const char* reason) {
@@ -35,8 +35,9 @@ void at_border(const char* operation, Body&& body) noexcept {
   });
 }
 
-// The same with a claim on the index; `failure` after one line once the index is closed. Nothing of the object that
-// made the call is touched after the body: a callback inside it may have destroyed that object.
+// The same with a claim on the index; `failure` after one line once the index is closed. Nothing of
+// the object that made the call is touched after the body: a callback inside it may have destroyed
+// that object.
 template <class Result, class Body>
 Result with_open_index(korvex_runtime_s* runtime, const char* operation, Result failure,
                        Body&& body) noexcept {
@@ -48,8 +49,9 @@ Result with_open_index(korvex_runtime_s* runtime, const char* operation, Result 
   });
 }
 
-// A claim for destructors of objects that engine threads may be calling back: also succeeds on a closed index while
-// any thread is still inside it. Empty once nobody is, and nobody can come back in.
+// A claim for destructors of objects that engine threads may be calling back: also succeeds on a
+// closed index while any thread is still inside it. Empty once nobody is, and nobody can come back
+// in.
 class late_use {
  public:
   explicit late_use(korvex_runtime_s* runtime) {

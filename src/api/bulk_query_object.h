@@ -12,8 +12,8 @@ namespace korvex {
 
 // Many queries in one call, behind KorvexBulkQuery.
 // Threads     settings are atomic; one batch at a time, and a new one waits for the one before.
-// Ownership   owns the batch record and what hangs on it, and a handle on the index's runtime: operations answer with
-//             their failure value once the index is gone.
+// Ownership   owns the batch record and what hangs on it, and a handle on the index's runtime:
+//             operations answer with their failure value once the index is gone.
 class KorvexBulkQueryImpl final : public KorvexBulkQuery {
  public:
   KorvexBulkQueryImpl(hnsw_s* base, int radius);

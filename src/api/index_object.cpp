@@ -58,7 +58,8 @@ void KorvexImpl::validateParameters(int value) {
 }
 
 void KorvexImpl::setIndexListener(KorvexIndexListener* listener, unsigned threshold) {
-  // Once the callback is in place the listener may be called, here or on another thread, and may destroy this object.
+  // Once the callback is in place the listener may be called, here or on another thread, and may
+  // destroy this object.
   hnsw_s* const base = base_;
   with_open_index(base->runtime, "setIndexListener", 0, [&] {
     korvex_runtime_s& runtime = *base->runtime;
@@ -93,7 +94,8 @@ int KorvexImpl::isIndexReady() {
 KorvexQuery* KorvexImpl::createQuerySession(int radius, int k) {
   auto query = at_border("createQuerySession", std::unique_ptr<KorvexQueryImpl>(),
                          [&] { return std::make_unique<KorvexQueryImpl>(this, base_, radius); });
-  // A session that could not be opened is not told here: every operation of the object answers with its failure value.
+  // A session that could not be opened is not told here: every operation of the object answers with
+  // its failure value.
   if (query != nullptr) at_border("createQuerySession", [&] { query->open(k); });
   return query.release();
 }
@@ -110,8 +112,9 @@ KorvexQuery* KorvexImpl::getQuerySession(unsigned session_id) {
 }
 
 float KorvexImpl::distance(const float* a, const float* b) {
-  if (a == nullptr || b == nullptr) log_refusal("distance", "a null vector");
-  return korvex_get_distance_internal(base_, a, b);
+  if (a != nullptr && b != nullptr) return korvex_get_distance_internal(base_, a, b);
+  log_refusal("distance", "a null vector");
+  return base_->runtime->direction.load() * largest_float;
 }
 
 float KorvexImpl::distance(unsigned id, const float* vector) {

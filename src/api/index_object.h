@@ -17,13 +17,13 @@ namespace korvex {
 // Ownership   owns the engine's record; not the listener, not the sessions that it makes.
 class KorvexImpl final : public Korvex {
  public:
-  // A new or reopened index, or null after the engine's line. A null or empty path: in memory. An index that the engine
-  // refused has used up an instance id all the same.
+  // A new or reopened index, or null after the engine's line. A null or empty path: in memory. An
+  // index that the engine refused has used up an instance id all the same.
   // Failure   throws what korvex_init throws
   static std::unique_ptr<KorvexImpl> create(int dimension, const char* path, const char* name);
 
-  // The index of an instance id, or null. An index whose registration was kept is found even after it was destroyed:
-  // whoever asks must know that it lives.
+  // The index of an instance id, or null. An index whose registration was kept is found even after
+  // it was destroyed: whoever asks must know that it lives.
   static KorvexImpl* get_from_instance_id(std::uint32_t id) { return s_instance_manager.find(id); }
   std::uint32_t get_instance_id() const { return instance_id_; }
   KorvexIndexListener* getIndexListener() const { return index_listener_.load(); }

@@ -10,8 +10,9 @@ namespace korvex {
 
 namespace {
 
-// 0 is both the first id and the failure value; only who adds alone can tell them apart. So additions exclude each
-// other while nothing has been added; later ones, such as those of a listener that the first one calls, do not ask.
+// 0 is both the first id and the failure value; only who adds alone can tell them apart. So
+// additions exclude each other while nothing has been added; later ones, such as those of a
+// listener that the first one calls, do not ask.
 class first_addition {
  public:
   first_addition(const hnsw_s* base, std::shared_ptr<std::mutex> mutex) : mutex_(std::move(mutex)) {
@@ -31,8 +32,8 @@ class first_addition {
 
 }  // namespace
 
-// An addition may link and then calls the ready listener, which may destroy the index: the claim keeps the engine's
-// half, and nothing of this object is used after the additions.
+// An addition may link and then calls the ready listener, which may destroy the index: the claim
+// keeps the engine's half, and nothing of this object is used after the additions.
 
 unsigned KorvexImpl::addVector(const float* vector, int, unsigned long long label) {
   if (vector == nullptr) {

@@ -86,8 +86,8 @@ instance_registry::slot_table* instance_registry::make_table(std::uint32_t capac
   return table;
 }
 
-// The table that holds `id`, grown once if need be; an id that lies further out, because growth had failed before,
-// stays without a slot.
+// The table that holds `id`, grown once if need be; an id that lies further out, because growth had
+// failed before, stays without a slot.
 instance_registry::slot_table* instance_registry::table_for(std::uint32_t id) {
   slot_table* const table = table_.load(std::memory_order_relaxed);
   if (table != nullptr && id < table->capacity) return table;

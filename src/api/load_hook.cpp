@@ -4,7 +4,8 @@
 
 #include "api/banner.h"
 
-// Only the shared library links this file: programs that take the library in statically own their standard output.
+// Only the shared library links this file: programs that take the library in statically own their
+// standard output.
 namespace korvex {
 
 namespace {

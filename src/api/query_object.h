@@ -9,17 +9,19 @@
 
 namespace korvex {
 
-// A number that no other query object of the process has had (until 2^32 of them were made); never 0.
+// A number that no other query object of the process has had (until 2^32 of them were made); never
+// 0.
 std::uint32_t next_object_id();
 
 // A query session behind KorvexQuery: one search session of the engine under a host's object.
 // Threads     any; settings are atomic, the session refuses a second query while one runs.
-// Ownership   owns its engine session, and a handle on the index's runtime, so that it may outlive the index: every
-//             operation that needs the index answers with its failure value then.
+// Ownership   owns its engine session, and a handle on the index's runtime, so that it may outlive
+//             the index: every operation that needs the index answers with its failure value then.
 class KorvexQueryImpl final : public KorvexQuery {
  public:
   KorvexQueryImpl(Korvex* parent, hnsw_s* base, int radius);
-  // Opens the search session. Throws what the start-up of the index throws; the object is without a session then.
+  // Opens the search session. Throws what the start-up of the index throws; the object is without a
+  // session then.
   void open(int k);
 
   KorvexQueryListener* getListener() const { return listener_.load(); }

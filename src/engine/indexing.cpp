@@ -61,7 +61,8 @@ class linker {
   linker& operator=(const linker&) = delete;
 
   bool ready() const {
-    return candidates_ != nullptr && second_ != nullptr && session_.visited != nullptr;
+    return candidates_ != nullptr && second_ != nullptr && session_.visited != nullptr &&
+           conmap_.capacity != 0;
   }
 
   // Walks from the entry; the key of the nearest candidate, or the largest float.
@@ -80,10 +81,20 @@ class linker {
     korvex_search_candidates(hnsw_, &session_, candidates_, &node, entry, nullptr);
     const auto* const first =
         static_cast<const korvex_nelem_s*>(candidates_->candidates->peek_front());
-    return first == nullptr ? largest_float : first->distance;
+    if (first == nullptr) return largest_float;
+    // The walk tells of an entry that the point repeats; further on it only stops.
+    if (session_.duplicate == 0 && repeats(first->distance)) {
+      session_.duplicate = first->id;
+      session_.duplicate_was_hidden =
+          (set_flags(runtime_, first->id, flag_duplicate) & flag_duplicate) != 0;
+    }
+    return first->distance;
   }
 
+  // The point that the last one repeats, marked as a duplicate since then; 0 for none.
   std::uint32_t duplicate_of() const { return session_.duplicate; }
+  // Whether it had been marked before, so that another one stands for it.
+  bool duplicate_was_hidden() const { return session_.duplicate_was_hidden; }
 
   void connect(std::uint32_t id) {
     int32find_reset(&conmap_);
@@ -91,6 +102,12 @@ class linker {
   }
 
  private:
+  bool repeats(float key) const {
+    return hnsw_->duplicate_mode != 0 && hnsw_->duplicate_option != 0 &&
+           hnsw_->duplicate_threshold != threshold_off &&
+           key <= runtime_.direction.load(std::memory_order_relaxed) * hnsw_->duplicate_threshold;
+  }
+
   hnsw_s* const hnsw_;
   korvex_runtime_s& runtime_;
   korvex_nbrs_s* candidates_ = nullptr;
@@ -140,12 +157,9 @@ class point_linking {
     if (entry != 0 && entry != point.id) {
       nearest_key_ = tools_.search(point.id, entry);
       if (stopping(hnsw_)) return;
-      if (tools_.duplicate_of() != 0 && moves_duplicates_ && point.id > runtime_.probe_count) {
-        hide_duplicate(point.id);
-      } else {
-        tools_.connect(point.id);
-        if (stopping(hnsw_)) return;
-      }
+      const bool repeats = tools_.duplicate_of() != 0 && point.id > runtime_.probe_count;
+      if (!repeats || !leave_unlinked(point.id)) tools_.connect(point.id);
+      if (stopping(hnsw_)) return;
     }
     if (!has_neighbours(runtime_, point.id)) {
       std::lock_guard lock(runtime_.add_lock);
@@ -154,21 +168,29 @@ class point_linking {
     count_networked(hnsw_);
   }
 
-  void link_duplicates_too() { moves_duplicates_ = false; }
+  void link_duplicates_too() { links_duplicates_ = true; }
   float nearest_key() const { return nearest_key_; }
 
  private:
-  // The walk marked the original; the copy is the one to hide, so that one of them stays visible.
-  void hide_duplicate(std::uint32_t id) {
+  // Of a point and its copies one stays visible. The original is marked by now: the mark moves to
+  // the copy, which is not linked then; inline linking, and a copy of a deleted point, leave it. An
+  // original that had been hidden before has somebody else to stand for both.
+  bool leave_unlinked(std::uint32_t id) {
+    const std::uint32_t original = tools_.duplicate_of();
+    const bool hidden = tools_.duplicate_was_hidden();
+    const bool deleted = korvex_is_flag_set_internal(hnsw_, original, flag_deleted) != 0;
+    if (!hidden && (links_duplicates_ || deleted)) return false;
     set_flags(runtime_, id, flag_duplicate);
-    clear_flags(runtime_, tools_.duplicate_of(), flag_duplicate);
+    if (!hidden) clear_flags(runtime_, original, flag_duplicate);
+    if (links_duplicates_) return false;
     std::atomic_ref(hnsw_->duplicates).fetch_add(1);
+    return true;
   }
 
   hnsw_s* const hnsw_;
   korvex_runtime_s& runtime_;
   linker& tools_;
-  bool moves_duplicates_ = true;
+  bool links_duplicates_ = false;
   float nearest_key_ = largest_float;
 };
 
@@ -339,7 +361,6 @@ void link_inline(hnsw_s* hnsw, std::uint32_t id) {
   if (needs_no_linking(hnsw, point)) {
     count_networked(hnsw);
   } else {
-    if (!runtime.inline_linker) runtime.inline_linker = std::make_shared<linker>(hnsw);
     auto* const tools = static_cast<linker*>(runtime.inline_linker.get());
     point_linking linking(hnsw, tools);
     linking.link_duplicates_too();
@@ -420,6 +441,15 @@ void sleep_while_linking(hnsw_s* hnsw, std::uint32_t last, std::uint64_t ms) {
 }
 
 }  // namespace
+
+bool korvex_prepare_linking(hnsw_s* hnsw) {
+  korvex_runtime_s& runtime = *hnsw->runtime;
+  if (runtime.indexing_threads != 0 || runtime.inline_linker) return true;
+  auto tools = std::make_shared<linker>(hnsw);
+  if (!tools->ready()) return false;
+  runtime.inline_linker = std::move(tools);
+  return true;
+}
 
 void korvex_publish(hnsw_s* hnsw, std::uint32_t id) {
   korvex_runtime_s& runtime = *hnsw->runtime;

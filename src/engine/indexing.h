@@ -7,6 +7,10 @@
 
 namespace korvex {
 
+// Makes what linking on the adding thread needs, unless there are indexing threads. Under the insert
+// lock, before the first point. False when memory is short.
+bool korvex_prepare_linking(hnsw_s* hnsw);
+
 // Counts a point whose records are complete and wakes the indexing threads, or links it here when
 // there are none; the caller gives the ready notice then, once it has left the lock. Under the
 // insert lock; ids come in order.

@@ -45,7 +45,8 @@ class insertion {
   // stays for the next addition, so that ids keep their order.
   bool allocate() {
     unsigned id = runtime_.spare_id;
-    if (id == 0 && runtime_.store[vector_store]->alloc(&id, 1) == nullptr) {
+    if (!korvex_prepare_linking(hnsw_) ||
+        (id == 0 && runtime_.store[vector_store]->alloc(&id, 1) == nullptr)) {
       KORVEX_LOG_CRITICAL("vector allocation failed\n");
       return false;
     }

@@ -119,7 +119,8 @@ class graph_walk {
     best_ = key_to(vector);
     if (repeats(best_)) {
       session_.duplicate = entry_id;
-      set_flags(runtime_, entry_id, flag_duplicate);
+      session_.duplicate_was_hidden =
+          (set_flags(runtime_, entry_id, flag_duplicate) & flag_duplicate) != 0;
     }
     const bool rejected = session_.pass_rejected && rejects(entry_id);
     return beam_.insert(best_, entry_id, 0, rejected ? walk_beam::rejected : std::uint16_t{0});

@@ -29,9 +29,10 @@ struct korvex_session_s {
   std::int32_t mode;  // 0 links a new point, anything else answers a query
   std::int32_t beam;  // how many candidates are kept
   float radius;       // a continued query takes no candidate nearer than this key, while radius_set
-  std::uint32_t duplicate;  // out, linking: the entry point when the new point repeats it
-  std::int32_t budget;      // distance evaluations at most, 0 = no limit
-  std::int32_t extension;   // evaluations granted once the beam is full, 0 = none
+  std::uint32_t duplicate;    // out, linking: the entry point when the new point repeats it
+  bool duplicate_was_hidden;  // and whether that one had been marked before
+  std::int32_t budget;        // distance evaluations at most, 0 = no limit
+  std::int32_t extension;     // evaluations granted once the beam is full, 0 = none
   std::int32_t step;    // evaluations granted on each new nearest point; 0 = 16 x neighbour count
   bitstore_s* visited;  // reset by the caller between walks
   hnsw_s* index;

@@ -1,5 +1,5 @@
-// The library as a host sees it: loaded by path, its classes known only by the order of their operations. Includes
-// nothing of the project.
+// The library as a host sees it: loaded by path, its classes known only by the order of their
+// operations. Includes nothing of the project.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 

@@ -81,7 +81,7 @@ class Eval : public ScratchDirectory {
   }
   std::string data() const {
     return "eval --base " + path("base.fvecs") + " --queries " + path("queries.fvecs.gz") +
-           " --index-threads 2 --search-threads 2 --rounds 1 ";
+           " --index-threads 2 --search-threads 2 ";
   }
 
   matrix base_, queries_;

@@ -57,7 +57,6 @@ struct sound_file {
 };
 
 std::vector<sound_file> sound_files() {
-  const std::string v2 = "{\"descr\"";
   std::vector<sound_file> files = {
       {"a.fvecs", elements<float>(little, true), 4, true},
       {"a.bvecs", elements<std::uint8_t>(little, true), 4, true},
@@ -135,7 +134,9 @@ TEST_F(Readers, EveryFormatHandsBackItsRowsWhateverTheStep) {
 TEST_F(Readers, AFileThatIsTooShortOrTooLongIsRefused) {
   for (const sound_file& sound : sound_files()) {
     const std::size_t row = sound.any_length ? sound.bytes.size() / n_rows : sound.bytes.size();
-    for (std::size_t length = 0; length < sound.bytes.size(); ++length) {
+    // Every length of the header, then some.
+    for (std::size_t length = 0; length < sound.bytes.size();
+         length += length < sound.header_bytes ? 1 : 11) {
       if (length > 0 && length % row == 0) continue;
       const std::string file = write(sound.name, sound.bytes.substr(0, length));
       const std::string error = error_of([&] { read_all(file); });
@@ -178,9 +179,10 @@ TEST_F(Readers, HostileHeadersAreRefusedWithWhatWasFoundAndExpected) {
       {"wide.idx", idx_header(0x08, {1, 1048576, 2}), "dimension 2097152 after axis 2"},
       {"wrap.idx", idx_header(0x08, {1, 65536, 65536, 65536, 65536}), "dimension 4294967296"},
       {"rows.idx", idx_header(0x08, {0xFFFFFFFFu, 1}), "4294967295 rows, expected 1 to 4294967294"},
-      {"claim.idx", idx_header(0x0E, {0xFFFFFFFEu, 1048576}) + "abc", "36028796985409"},
+      {"claim.idx", idx_header(0x0E, {0xFFFFFFFEu, 1048576}) + "abc",
+       "expected 36028797002186764 for 4294967294 rows of 8388608 bytes"},
       {"magic.npy", "\x93NUMPX", "ends inside the npy header"},
-      {"magic2.npy", "\x93NUMPX\x01\0pppppppp", "wrong magic"},
+      {"magic2.npy", "\x93NUMPX\x01pppppppp", "wrong magic"},
       {"version.npy", npy(4, "{}"), "npy version 4, expected 1 to 3"},
       {"length.npy", std::string("\x93NUMPY\x02\0\xff\xff\xff\xff", 12), "4294967295 bytes"},
       {"empty.npy", npy(1, ""), "found the end, expected '{'"},
@@ -202,7 +204,7 @@ TEST_F(Readers, HostileHeadersAreRefusedWithWhatWasFoundAndExpected) {
       {"zero.npy", with_shape("(4, 0)"), "expected 1 to 1048576 elements a row"},
       {"wrap.npy", with_shape("(1, 1048576, 1048576, 1048576, 65536)"), "elements a row"},
       {"rows.npy", with_shape("(999999999999999, 1)"), "999999999999999 rows"},
-      {"claim.npy", with_shape("(4294967294, 1048576)"), "18014398501"},
+      {"claim.npy", with_shape("(4294967294, 1048576)"), "for 4294967294 rows of 4194304 bytes"},
       {"unknown", "hello world", "expected an idx or npy header"}};
   for (const auto& hostile : cases) {
     for (const char* ending : {"", ".gz"}) {
@@ -219,9 +221,10 @@ TEST_F(Readers, NoChangeOfAHeaderIsBelieved) {
   constexpr unsigned seed = 7;
   std::mt19937 random(seed);
   for (const sound_file& sound : sound_files()) {
-    if (sound.name.ends_with(".gz")) continue;
+    if (sound.name.ends_with(".gz") || sound.name.starts_with("u") || sound.name.starts_with("i"))
+      continue;  // the same parsers as others'
     for (std::size_t at = 0; at < sound.header_bytes; ++at) {
-      for (const int byte : {0x00, 0x01, 0x7f, 0x80, 0xff, static_cast<int>(random() % 256)}) {
+      for (const int byte : {0x00, 0x7f, 0xff, static_cast<int>(random() % 256)}) {
         std::string changed = sound.bytes;
         changed[at] = static_cast<char>(byte);
         const std::string file = write(sound.name, changed);

@@ -35,7 +35,8 @@ TEST(Configuration, TheStartUpFreezesWhatTheEngineReads) {
   korvex_set_alloc_units(index, 5, 1);
   korvex_enable_label(index, 1);
   korvex_available_memory(index, 1);
-  for (int i = 1; i < points.size(); ++i) EXPECT_EQ(korvex_add(index, points[i], 0), static_cast<std::uint32_t>(i));
+  for (int i = 1; i < points.size(); ++i)
+    EXPECT_EQ(korvex_add(index, points[i], 0), static_cast<std::uint32_t>(i));
   EXPECT_EQ(index.runtime()->probe_count, 3u);
   EXPECT_EQ(index.runtime()->neighbour_count, 10u);
   EXPECT_EQ(index.runtime()->indexing_threads, 0);

@@ -82,9 +82,9 @@ class log_capture {
   static int count(const std::string& part) {
     log_wait_empty();
     std::lock_guard lock(state().mutex);
-    return static_cast<int>(
-        std::count_if(state().lines.begin(), state().lines.end(),
-                      [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+    return static_cast<int>(std::count_if(
+        state().lines.begin(), state().lines.end(),
+        [&](const std::string& line) { return line.find(part) != std::string::npos; }));
   }
   static void install() {
     static std::once_flag once;
@@ -120,7 +120,8 @@ struct cloud {
 };
 
 // Points around `centres` centres, two units apart on each axis; `length` > 0 scales each to it.
-inline cloud make_clusters(int n, int dimension, unsigned seed, int centres = 10, float length = 0.0f) {
+inline cloud make_clusters(int n, int dimension, unsigned seed, int centres = 10,
+                           float length = 0.0f) {
   std::mt19937 layout(4711);
   std::mt19937 generator(seed);
   std::normal_distribution<float> normal;
@@ -137,7 +138,8 @@ inline cloud make_clusters(int n, int dimension, unsigned seed, int centres = 10
       square += static_cast<double>(point[i]) * static_cast<double>(point[i]);
     }
     if (length > 0)
-      for (std::size_t i = 0; i < width; ++i) point[i] *= length / static_cast<float>(std::sqrt(square));
+      for (std::size_t i = 0; i < width; ++i)
+        point[i] *= length / static_cast<float>(std::sqrt(square));
   }
   return points;
 }
@@ -145,8 +147,10 @@ inline cloud make_clusters(int n, int dimension, unsigned seed, int centres = 10
 // Small whole numbers: many distances are equal.
 inline cloud make_grid(int n, int dimension, unsigned seed, int side) {
   std::mt19937 generator(seed);
-  cloud points{dimension, std::vector<float>(static_cast<std::size_t>(n) * static_cast<std::size_t>(dimension))};
-  for (float& value : points.values) value = static_cast<float>(generator() % static_cast<unsigned>(side));
+  cloud points{dimension, std::vector<float>(static_cast<std::size_t>(n) *
+                                             static_cast<std::size_t>(dimension))};
+  for (float& value : points.values)
+    value = static_cast<float>(generator() % static_cast<unsigned>(side));
   return points;
 }
 
@@ -164,7 +168,8 @@ inline double plain_key(int metric, const float* a, const float* b, int dimensio
 // The keys of all points, ascending.
 inline std::vector<double> exact_keys(int metric, const cloud& points, const float* query) {
   std::vector<double> keys;
-  for (int i = 0; i < points.size(); ++i) keys.push_back(plain_key(metric, query, points[i], points.dimension));
+  for (int i = 0; i < points.size(); ++i)
+    keys.push_back(plain_key(metric, query, points[i], points.dimension));
   std::sort(keys.begin(), keys.end());
   return keys;
 }

@@ -14,12 +14,14 @@ using ids = std::vector<std::uint32_t>;
 
 float key_between(const open_index& index, const cloud& points, std::uint32_t a, std::uint32_t b) {
   const korvex_runtime_s& runtime = *index.runtime();
-  return runtime.direction.load() * runtime.distance_function.load()(points[static_cast<int>(a) - 1],
-                                                                     points[static_cast<int>(b) - 1], runtime.dimension);
+  return runtime.direction.load() *
+         runtime.distance_function.load()(points[static_cast<int>(a) - 1],
+                                          points[static_cast<int>(b) - 1], runtime.dimension);
 }
 
 // The rule by brute force: all when there are few, else each one that no chosen one is nearer to than the node is.
-ids chosen_of(const open_index& index, const cloud& points, std::uint32_t node, ids candidates, std::size_t max) {
+ids chosen_of(const open_index& index, const cloud& points, std::uint32_t node, ids candidates,
+              std::size_t max) {
   std::stable_sort(candidates.begin(), candidates.end(), [&](std::uint32_t a, std::uint32_t b) {
     return key_between(index, points, node, a) < key_between(index, points, node, b);
   });
@@ -38,7 +40,8 @@ ids chosen_of(const open_index& index, const cloud& points, std::uint32_t node, 
 ids list_of(const open_index& index, std::uint32_t id) {
   const graph_record graph = graph_of(*index.runtime(), id);
   ids out;
-  for (std::uint32_t i = 0; i < index.runtime()->neighbour_count && graph.slot(i) != 0; ++i) out.push_back(graph.slot(i));
+  for (std::uint32_t i = 0; i < index.runtime()->neighbour_count && graph.slot(i) != 0; ++i)
+    out.push_back(graph.slot(i));
   return out;
 }
 
@@ -47,7 +50,8 @@ ids list_of(const open_index& index, std::uint32_t id) {
 TEST(Linking, ASmallGraphIsBuiltExactlyByTheRules) {
   for (const int metric : {DISTANCE_L2_SQUARE, DISTANCE_L2, DISTANCE_INNER_PRODUCT}) {
     for (const int constellation : {4, 5, 16}) {
-      const cloud points = make_clusters(90, 3, 3, 4, metric == DISTANCE_INNER_PRODUCT ? 100.0f : 0.0f);
+      const cloud points =
+          make_clusters(90, 3, 3, 4, metric == DISTANCE_INNER_PRODUCT ? 100.0f : 0.0f);
       const open_index index({.dimension = 3, .metric = metric, .constellation = constellation});
       const auto capacity = static_cast<std::size_t>(2 * constellation);
       std::vector<ids> lists(points.values.size() / 3 + 1);
@@ -62,8 +66,8 @@ TEST(Linking, ASmallGraphIsBuiltExactlyByTheRules) {
         }
         older.push_back(id);
         for (std::uint32_t i = 1; i <= id; ++i)
-          ASSERT_EQ(list_of(index, i), lists[i]) << "metric " << metric << " constellation " << constellation << " id "
-                                                 << id << " list " << i;
+          ASSERT_EQ(list_of(index, i), lists[i]) << "metric " << metric << " constellation "
+                                                 << constellation << " id " << id << " list " << i;
       }
     }
   }
@@ -81,12 +85,15 @@ TEST(Linking, SelectionFollowsTheRuleWithAndWithoutACopy) {
     while (candidates.size() < 1 + random() % 40)
       if (const std::uint32_t id = 1 + random() % 200; id != node) candidates.insert(id);
     korvex_nbrs_reset(index, nbrs);
-    for (const std::uint32_t id : candidates) korvex_nbrs_add(nbrs, id, key_between(index, points, node, id), 0, 0);
-    const ids expected = chosen_of(index, points, node, ids(candidates.begin(), candidates.end()), max);
+    for (const std::uint32_t id : candidates)
+      korvex_nbrs_add(nbrs, id, key_between(index, points, node, id), 0, 0);
+    const ids expected =
+        chosen_of(index, points, node, ids(candidates.begin(), candidates.end()), max);
     const bool copy = round % 2 == 0;
     korvex_select_nbrs(index, nbrs, node, max, copy);
     EXPECT_EQ(list_of(index, node), expected) << "round " << round;
-    EXPECT_EQ(graph_of(*index.runtime(), node).worst(), key_between(index, points, node, expected.back()));
+    EXPECT_EQ(graph_of(*index.runtime(), node).worst(),
+              key_between(index, points, node, expected.back()));
     EXPECT_EQ(korvex_is_flag_set_internal(index, node, flag_link_lock), 0);
   }
   korvex_nbrs_free(nbrs);
@@ -125,7 +132,8 @@ void expect_whole_graph(const open_index& index, std::uint32_t last) {
     EXPECT_EQ(std::set<std::uint32_t>(list.begin(), list.end()).size(), list.size()) << id;
     for (const std::uint32_t neighbour : list) {
       EXPECT_NE(neighbour, id);
-      EXPECT_TRUE(neighbour <= last && probe_of(hnsw, neighbour) == probe_of(hnsw, id)) << id << " -> " << neighbour;
+      EXPECT_TRUE(neighbour <= last && probe_of(hnsw, neighbour) == probe_of(hnsw, id))
+          << id << " -> " << neighbour;
     }
     EXPECT_EQ(korvex_is_flag_set_internal(hnsw, id, 0xFF), 0) << id;
     EXPECT_TRUE(seen.contains(id)) << id << " is cut off; neighbours " << list.size();
@@ -135,21 +143,25 @@ void expect_whole_graph(const open_index& index, std::uint32_t last) {
 TEST(Linking, ConcurrentBuildingLeavesAWholeGraph) {
   const watchdog guard;
   // The first points are where threads meet most: many small graphs beside a few large ones.
-  const building rows[] = {{1, 0, 2, 1000, 1}, {1, 1, 2, 2000, 1},   {1, 2, 2, 2000, 1},   {1, 4, 2, 2000, 1}, {3, 4, 2, 2000, 1},
-                           {16, 2, 4, 2000, 1}, {1, 4, 2, 40, 60}, {2, 2, 2, 100, 30}};
+  const building rows[] = {{1, 0, 2, 1000, 1}, {1, 1, 2, 2000, 1}, {1, 2, 2, 2000, 1},
+                           {1, 4, 2, 2000, 1}, {3, 4, 2, 2000, 1}, {16, 2, 4, 2000, 1},
+                           {1, 4, 2, 40, 60},  {2, 2, 2, 100, 30}};
   const log_capture lines;
   for (const building& row : rows) {
     const int n = sanitized && row.rounds == 1 ? row.n / 4 : row.n;
     for (int round = 0; round < (sanitized ? row.rounds / 3 + 1 : row.rounds); ++round) {
-      SCOPED_TRACE(testing::Message() << row.probes << " probes, " << row.threads << " threads, round " << round);
+      SCOPED_TRACE(testing::Message()
+                   << row.probes << " probes, " << row.threads << " threads, round " << round);
       const cloud points = make_clusters(n, 6, 21 + static_cast<unsigned>(round));
-      const open_index index({.dimension = 6, .probes = row.probes, .threads = row.threads, .constellation = 6});
+      const open_index index(
+          {.dimension = 6, .probes = row.probes, .threads = row.threads, .constellation = 6});
       std::vector<std::thread> adders;
       for (int a = 0; a < row.adders; ++a)
         adders.emplace_back([&, a] {
           for (int i = a; i < n; i += row.adders) {
             const std::uint32_t id = korvex_add(index, points[i], 0);
-            EXPECT_EQ(0, std::memcmp(vector_of(*index.runtime(), id + 1), points[i], 6 * sizeof(float)));
+            EXPECT_EQ(
+                0, std::memcmp(vector_of(*index.runtime(), id + 1), points[i], 6 * sizeof(float)));
           }
         });
       for (std::thread& adder : adders) adder.join();

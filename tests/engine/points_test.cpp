@@ -15,12 +15,14 @@ TEST(Points, LabelsKeepTheirWordAndUndelete) {
     EXPECT_EQ(korvex_get_label(index, id), 0u);
     EXPECT_EQ(korvex_set_label(index, id, 0x1'0000'0000ull * id + 5), 0u);
   }
-  for (std::uint32_t id = 0; id < 50; ++id) EXPECT_EQ(korvex_get_label(index, id), 0x1'0000'0000ull * id + 5);
+  for (std::uint32_t id = 0; id < 50; ++id)
+    EXPECT_EQ(korvex_get_label(index, id), 0x1'0000'0000ull * id + 5);
 
   // Public id 7 is internal id 8: its neighbours in the numbering stay as they are.
   EXPECT_EQ(korvex_delete(index, 7, 0), 0);
   EXPECT_EQ(korvex_is_flag_set_internal(index, 8, flag_deleted), 1);
-  EXPECT_EQ(korvex_is_flag_set_internal(index, 7, 0xFF) + korvex_is_flag_set_internal(index, 9, 0xFF), 0);
+  EXPECT_EQ(
+      korvex_is_flag_set_internal(index, 7, 0xFF) + korvex_is_flag_set_internal(index, 9, 0xFF), 0);
   EXPECT_EQ(korvex_set_label(index, 7, 1), 0x7'0000'0005ull);
   EXPECT_EQ(korvex_is_flag_set_internal(index, 8, flag_deleted), 0);
 
@@ -34,7 +36,8 @@ TEST(Points, LabelsKeepTheirWordAndUndelete) {
 
 TEST(Points, IdsThatDoNotExistAreRefused) {
   const cloud points = make_clusters(10, 3, 1);
-  const open_index index({.dimension = 3, .metric = DISTANCE_INNER_PRODUCT, .labels = true}, points);
+  const open_index index({.dimension = 3, .metric = DISTANCE_INNER_PRODUCT, .labels = true},
+                         points);
   for (const std::uint32_t id : {10u, 11u, 1'000'000u, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
     const log_capture lines;
     EXPECT_EQ(korvex_delete(index, id, 0), -1) << id;

@@ -28,7 +28,8 @@ TEST(Teardown, ThreadSlotsAreTakenFromTheLowestOn) {
 std::chrono::milliseconds time_to_close(open_index* index) {
   const auto begin = std::chrono::steady_clock::now();
   index->close();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                               begin);
 }
 
 // However much is left to link, the end comes at once; the fixture checks that the last thread released everything.
@@ -40,7 +41,8 @@ TEST(Teardown, DestroyingWhileIndexingIsBounded) {
     index.add(points, 0, 100 * round + 1);
     std::vector<std::thread> waiting;
     for (int i = 0; i < round % 3; ++i)
-      waiting.emplace_back([&] { as_host(index.runtime(), [&] { korvex_wait_finish_adding(index); }); });
+      waiting.emplace_back(
+          [&] { as_host(index.runtime(), [&] { korvex_wait_finish_adding(index); }); });
     EXPECT_LT(time_to_close(&index).count(), sanitized ? 2'000 : 300);
     for (std::thread& thread : waiting) thread.join();
   }
@@ -80,7 +82,8 @@ TEST(Teardown, RoundsLeaveMemoryFlat) {
   const watchdog guard;
   const cloud points = make_clusters(500, 64, 1);
   const auto round = [&] {
-    const open_index index({.dimension = 64, .probes = 2, .threads = 2, .labels = true, .cache = true}, points);
+    const open_index index(
+        {.dimension = 64, .probes = 2, .threads = 2, .labels = true, .cache = true}, points);
     const std::uint32_t sid = korvex_search_init(index, 10, nullptr);
     for (int i = 0; i < 20; ++i) {
       EXPECT_EQ(korvex_search(index, sid, points[i], 100, 10), 0u);

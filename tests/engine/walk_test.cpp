@@ -7,7 +7,6 @@
 #include "engine/index_fixture.h"
 #include "engine/points.h"
 
-
 namespace korvex {
 namespace {
 
@@ -37,7 +36,8 @@ class plain_walk {
 
   void put(std::uint32_t id) {
     const element added{key(id), id, false};
-    list_.insert(std::find_if(list_.begin(), list_.end(), [&](const element& e) { return !(e.key < added.key); }),
+    list_.insert(std::find_if(list_.begin(), list_.end(),
+                              [&](const element& e) { return !(e.key < added.key); }),
                  added);
     visited_.insert(id);
   }
@@ -49,7 +49,8 @@ class plain_walk {
     while (true) {
       if (list_.size() > beam) list_.resize(beam);
       const float bound = list_.back().key;
-      const auto next = std::find_if(list_.begin(), list_.end(), [](const element& e) { return !e.expanded; });
+      const auto next =
+          std::find_if(list_.begin(), list_.end(), [](const element& e) { return !e.expanded; });
       if (next == list_.end()) break;
       next->expanded = true;
       if (budget_ != 0 && full && evaluations_ > budget_) break;
@@ -65,7 +66,9 @@ class plain_walk {
         put(id);
         if (!(d < best)) continue;
         best = d;
-        if (budget_ != 0) budget_ = std::max(budget_, 16 * static_cast<int>(hnsw_->runtime->neighbour_count) + evaluations_);
+        if (budget_ != 0)
+          budget_ = std::max(budget_,
+                             16 * static_cast<int>(hnsw_->runtime->neighbour_count) + evaluations_);
       }
       if (full || list_.size() < beam) continue;
       full = true;
@@ -90,7 +93,8 @@ class plain_walk {
   float key(std::uint32_t id) const {
     const korvex_runtime_s& runtime = *hnsw_->runtime;
     return runtime.direction.load() *
-           runtime.distance_function.load()(query_, points_[static_cast<int>(id) - 1], runtime.dimension);
+           runtime.distance_function.load()(query_, points_[static_cast<int>(id) - 1],
+                                            runtime.dimension);
   }
 
   hnsw_s* const hnsw_;
@@ -160,20 +164,23 @@ TEST(Walk, MatchesThePlainWalkIdForId) {
       walk.session.beam = row.beam;
       walk.session.budget = row.budget;
       walk.session.extension = row.extension;
-      if (row.odd_only) walk.session.filter = [](void*, unsigned id, int) { return id % 2 == 0 ? 1 : 0; };
+      if (row.odd_only)
+        walk.session.filter = [](void*, unsigned id, int) { return id % 2 == 0 ? 1 : 0; };
       expected.put(entry);
       std::optional<float> radius;
       if (row.continued) {
         expected.put(entry + 1);
         for (const std::uint32_t id : {entry, entry + 1}) {
-          const float key = korvex_get_distance_internal(index, queries[q], points[static_cast<int>(id) - 1]) *
-                            index.runtime()->direction.load();
+          const float key =
+              korvex_get_distance_internal(index, queries[q], points[static_cast<int>(id) - 1]) *
+              index.runtime()->direction.load();
           walk.seed(id, key);
           radius = walk.session.radius = std::max(radius.value_or(key), key);
         }
         walk.session.radius_set = true;
       }
-      EXPECT_EQ(walk.run(queries[q], row.continued ? 0 : entry), expected.run(radius)) << "beam " << row.beam << " q " << q;
+      EXPECT_EQ(walk.run(queries[q], row.continued ? 0 : entry), expected.run(radius))
+          << "beam " << row.beam << " q " << q;
       EXPECT_EQ(walk.evaluations, expected.evaluations()) << "beam " << row.beam << " q " << q;
     }
   }

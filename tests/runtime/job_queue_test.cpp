@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "runtime/job_queue_record.h"
 #include "runtime/platform/clock.h"
 #include "runtime/platform/faults.h"
 
@@ -158,50 +159,42 @@ TEST(JobQueue, DeliversEveryJobExactlyOnce) {
   }
 }
 
-// Meets each waiter between counting itself and sleeping. One job at a time, so that nothing later
-// makes up for a lost wake-up; the long timeout alone would end the wait.
+// Holds a waiter between counting itself and sleeping until the thread that must wake it has come
+// as far; then either may go first. Nothing later makes up for a lost wake-up.
 TEST(JobQueue, NoWakeUpIsLostOnTheWayToSleep) {
   const queue_owner owner = make_queue();
   jobq_s* queue = owner.get();
-  const std::uint64_t late_ns = 2'000'000'000;
-  const auto linger = [queue](int round) {  // 0 to some hundred nanoseconds
-    for (int left = round % 128; left > 0; --left) jobq_has_front(queue);
-  };
   numbered_job jobs[2];
-  constexpr int rounds = 10'000;
-  std::atomic<int> taken{0};
-  std::atomic<int> lost{0};
-  std::thread worker([&] {
-    while (taken < rounds && lost == 0) jobq_get(queue, 2000) != nullptr ? ++taken : ++lost;
-  });
-  for (int i = 0; i < rounds && lost == 0; ++i) {
-    while (jobq_thread_count_waiting(queue) == 0 && lost == 0) {
-    }
-    linger(i);
-    jobq_add(queue, &jobs[0], 0);
-    await([&] { return taken > i || lost != 0; });
+  for (int round = 0; round < 100; ++round) {
+    mutex_lock(&queue->work_available.mutex);
+    std::thread worker([&] { EXPECT_NE(jobq_get(queue, 3000), nullptr) << round; });
+    await([&] { return jobq_thread_count_waiting(queue) == 1; });
+    std::thread producer([&] { jobq_add(queue, &jobs[0], 0); });
+    await([&] { return jobq_size(queue) == 1; });
+    mutex_unlock(&queue->work_available.mutex);
+    worker.join();
+    producer.join();
+    if (HasFailure()) return;
   }
-  worker.join();
-  EXPECT_EQ(lost, 0) << "workers";
-
   jobq_set_blocking(queue, 1);
-  jobq_add(queue, &jobs[0], 0);
-  std::atomic<int> added{0};
-  std::thread producer([&] {
-    for (int i = 1; i <= rounds && lost == 0; ++i, ++added) jobq_add(queue, &jobs[i % 2], 0);
-  });
-  for (int i = 0; i < rounds && lost == 0; ++i) {
-    while (jobq_producer_count_waiting(queue) == 0) {
-    }
-    linger(i);
-    jobq_try_get(queue);
+  for (int round = 0; round < 100; ++round) {
+    std::atomic<bool> added{false};
+    jobq_add(queue, &jobs[0], 0);
+    mutex_lock(&queue->space_available.mutex);
+    std::thread producer([&] { added = jobq_add(queue, &jobs[1], 0) == 0; });
+    await([&] { return jobq_producer_count_waiting(queue) == 1; });
+    std::thread worker([&] { EXPECT_EQ(jobq_try_get(queue), &jobs[0]); });
+    await([&] { return queue->head.load() == nullptr; });
+    mutex_unlock(&queue->space_available.mutex);
     const std::uint64_t start = platform::monotonic_ns();
-    await([&] { return added > i || platform::monotonic_ns() - start > late_ns; });
-    if (added <= i) ++lost;
+    await([&] { return added || platform::monotonic_ns() - start > 3'000'000'000; });
+    EXPECT_TRUE(added) << round;
+    jobq_set_blocking(queue, added ? 1 : 0);
+    worker.join();
+    producer.join();
+    jobq_try_get(queue);
+    if (HasFailure()) return;
   }
-  jobq_set_blocking(queue, 0);
-  producer.join();
-  EXPECT_EQ(lost, 0) << "producers";
 }
 
 TEST(JobQueue, AnIdleWorkerSleepsAfterTheFirstJob) {
