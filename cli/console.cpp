@@ -91,13 +91,15 @@ void progress::draw_until_stopped() {
 
 // The cursor goes back to the front, so that a line of the log replaces this one.
 void progress::draw() {
-  const std::uint64_t done = std::min(done_(), total_);
+  const std::uint64_t done = done_();
   const double seconds = static_cast<double>(platform::monotonic_ns() - began_ns_) / 1e9;
   const double rate = static_cast<double>(done) / seconds;
-  const std::string left =
-      done == 0 ? "" : ", " + duration(static_cast<double>(total_ - done) / rate) + " left";
-  fmt::print(stderr, "{}{}: {} of {}, {}/s{}\r", clear_line, label_, grouped(done), grouped(total_),
-             grouped(static_cast<std::uint64_t>(rate)), left);
+  const double left = static_cast<double>(total_ - std::min(done, total_));
+  std::string text = label_ + ": " + grouped(done);
+  if (total_ != 0) text += " of " + grouped(total_);
+  text += fmt::format(", {}/s", grouped(static_cast<std::uint64_t>(rate)));
+  if (left > 0 && done > 0) text += ", " + duration(left / rate) + " left";
+  fmt::print(stderr, "{}{}\r", clear_line, text);
   std::fflush(stderr);
 }
 

@@ -30,7 +30,7 @@ void write_result_file(const std::string& path, std::string_view text);
 // Threads   the measured work only counts; a thread of its own reads and draws five times a second.
 class progress {
  public:
-  // `done` is called on the drawing thread until the destructor returns.
+  // A total of 0 is unknown. `done` is called on the drawing thread until the destructor returns.
   progress(std::string label, std::uint64_t total, std::function<std::uint64_t()> done);
   ~progress();
   progress(const progress&) = delete;

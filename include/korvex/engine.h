@@ -4,14 +4,18 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// The engine below the host classes as C functions over an opaque record: for other languages, and for what the fixed
-// classes of korvex/korvex.h have no operation for (labels, direct search, the result cache).
+// The engine below the host classes as C functions over an opaque record: for other languages, and
+// for what the fixed classes of korvex/korvex.h have no operation for (labels, direct search, the
+// result cache).
 //
-// Record     from korvex_init, or from Korvex::get_base; the latter belongs to its Korvex object and dies with it.
-// Ids        public ids count additions from 0; functions whose name ends in _internal take public id + 1.
-// Failures   a null record or pointer yields the failure value of the function and changes nothing. Nothing is thrown.
-// Threads    options: the thread that creates the index, before the first addition or session. Everything else: any
-//            thread at any time, unless it says otherwise.
+// Record     from korvex_init, or from Korvex::get_base; the latter belongs to its Korvex object
+//            and dies with it.
+// Ids        public ids count additions from 0; functions whose name ends in _internal take public
+//            id + 1.
+// Failures   a null record or pointer yields the failure value of the function and changes nothing.
+//            Nothing is thrown.
+// Threads    options: the thread that creates the index, before the first addition or session.
+//            Everything else: any thread at any time, unless it says otherwise.
 
 #if defined(_WIN32) || defined(__CYGWIN__)
 #if defined(KORVEX_STATIC)
@@ -43,61 +47,82 @@ enum {
 #define KORVEX_FAILED 0xFFFFFFFFu  // of functions that return an unsigned 32-bit result
 #define KORVEX_NO_ID 0xFFFFFFFFu   // fills rows that have fewer than k hits
 
-// --- An index -------------------------------------------------------------------------------------------------------
+// --- An index ---
 
-// Creates an index, or opens the one below `base_path` with that name (null or empty path: in memory; null or empty
-// name: the default). Null when the dimension is not 1..1,048,576, or the path or the files do not serve.
-KORVEX_ENGINE_API hnsw_s* korvex_init(uint32_t dimension, uint8_t instance_id, const char* base_path, const char* name);
-// Stops and releases an index from korvex_init within 110 ms. Not for records that belong to a Korvex object.
+// Creates an index, or opens the one below `base_path` with that name (null or empty path: in
+// memory; null or empty name: the default). Null when the dimension is not 1..1,048,576, or the
+// path or the files do not serve.
+KORVEX_ENGINE_API hnsw_s* korvex_init(uint32_t dimension, uint8_t instance_id,
+                                      const char* base_path, const char* name);
+// Stops and releases an index from korvex_init within 110 ms. Not for records that belong to a
+// Korvex object.
 KORVEX_ENGINE_API void korvex_free(hnsw_s* index);
-// Builds the stores now instead of at the first addition or session. 0, or -1 when memory or disk do not suffice.
+// Builds the stores now instead of at the first addition or session. 0, or -1 when memory or disk
+// do not suffice.
 KORVEX_ENGINE_API int korvex_init_memory(hnsw_s* index);
-// Puts an on-disk index on its device unless fewer than min_interval seconds passed since the last time. 0 or -1.
+// Puts an on-disk index on its device unless fewer than min_interval seconds passed since the last
+// time. 0 or -1.
 KORVEX_ENGINE_API int korvex_sync_to_disk(hnsw_s* index, unsigned min_interval);
 
-// --- Options --------------------------------------------------------------------------------------------------------
+// --- Options ---
 
-KORVEX_ENGINE_API void korvex_validate_parameters(hnsw_s* index, int value);   // default 1
-KORVEX_ENGINE_API void korvex_set_threads(hnsw_s* index, int threads);         // indexing; 0: link inside korvex_add
+KORVEX_ENGINE_API void korvex_validate_parameters(hnsw_s* index, int value);  // default 1
+// Indexing; 0: link inside korvex_add.
+KORVEX_ENGINE_API void korvex_set_threads(hnsw_s* index, int threads);
 KORVEX_ENGINE_API void korvex_set_search_threads(hnsw_s* index, int threads, int queue_limit);
-KORVEX_ENGINE_API void korvex_set_parallel_search_jobs(hnsw_s* index, int jobs);  // default 128; 0 is ignored
-KORVEX_ENGINE_API void korvex_set_partitions(hnsw_s* index, int probes);       // pattern probes 1..16, default 2
+// Default 128; 0 is ignored.
+KORVEX_ENGINE_API void korvex_set_parallel_search_jobs(hnsw_s* index, int jobs);
+// Pattern probes 1..16, default 2.
+KORVEX_ENGINE_API void korvex_set_partitions(hnsw_s* index, int probes);
 KORVEX_ENGINE_API void korvex_set_alloc_units(hnsw_s* index, unsigned vectors, int flag);
-KORVEX_ENGINE_API int korvex_set_max_ram_usage(hnsw_s* index, uint64_t bytes);  // disk cache; below 100: per cent
-KORVEX_ENGINE_API void korvex_available_memory(hnsw_s* index, uint64_t bytes);  // plan with this instead of the system's
-KORVEX_ENGINE_API void korvex_enable_label(hnsw_s* index, int enable);         // a 64-bit label for every vector
+// Disk cache; below 100: per cent.
+KORVEX_ENGINE_API int korvex_set_max_ram_usage(hnsw_s* index, uint64_t bytes);
+// Plan with this instead of the system's.
+KORVEX_ENGINE_API void korvex_available_memory(hnsw_s* index, uint64_t bytes);
+// A 64-bit label for every vector.
+KORVEX_ENGINE_API void korvex_enable_label(hnsw_s* index, int enable);
 KORVEX_ENGINE_API void korvex_enable_attributes(hnsw_s* index, int enable);
 KORVEX_ENGINE_API int korvex_enable_huges_pages(hnsw_s* index, int enable);
 KORVEX_ENGINE_API void korvex_set_numa_node(hnsw_s* index, int node);
-KORVEX_ENGINE_API void korvex_set_distance_type(hnsw_s* index, int type);      // default squared L2
-KORVEX_ENGINE_API void korvex_set_normalize(hnsw_s* index, int normalize);     // 1: unit copies are stored and searched
-KORVEX_ENGINE_API int korvex_set_neighbors_count(hnsw_s* index, int count);    // default 16; lists hold twice as many
-KORVEX_ENGINE_API int korvex_set_radius(hnsw_s* index, int radius);            // candidates while building, default 100
-KORVEX_ENGINE_API void korvex_set_duplicate_threshold(hnsw_s* index, int mode, float threshold, int option);
-KORVEX_ENGINE_API void korvex_enable_index_check(hnsw_s* index, int enable);   // Bloom filter of indexed vectors
-KORVEX_ENGINE_API int korvex_destroy_disk_index(hnsw_s* index, int destroy);   // deletes the directory's files at the end
+KORVEX_ENGINE_API void korvex_set_distance_type(hnsw_s* index, int type);  // default squared L2
+// 1: unit copies are stored and searched
+KORVEX_ENGINE_API void korvex_set_normalize(hnsw_s* index, int normalize);
+// Default 16; lists hold twice as many.
+KORVEX_ENGINE_API int korvex_set_neighbors_count(hnsw_s* index, int count);
+// Candidates while building, default 100.
+KORVEX_ENGINE_API int korvex_set_radius(hnsw_s* index, int radius);
+KORVEX_ENGINE_API void korvex_set_duplicate_threshold(hnsw_s* index, int mode, float threshold,
+                                                      int option);
+// Bloom filter of indexed vectors
+KORVEX_ENGINE_API void korvex_enable_index_check(hnsw_s* index, int enable);
+// Deletes the directory's files at the end.
+KORVEX_ENGINE_API int korvex_destroy_disk_index(hnsw_s* index, int destroy);
 // Creates "log_nimbra-<threads>.txt" in the current directory; its descriptor, or -1.
 KORVEX_ENGINE_API int korvex_init_log(hnsw_s* index, int enabled);
 KORVEX_ENGINE_API void korvex_print_debug_info(hnsw_s* index);
-// The cache of recent answers: 0 off; 1 (default) nearly equal queries share answers, components count as whole
-// numbers; 2 only an identical query is answered from it. 0, or -1 for another mode. Any time.
+// The cache of recent answers: 0 off; 1 (default) nearly equal queries share answers, components
+// count as whole numbers; 2 only an identical query is answered from it. 0, or -1 for another mode.
+// Any time.
 KORVEX_ENGINE_API int korvex_set_result_cache(hnsw_s* index, int mode);
 
-// --- Vectors --------------------------------------------------------------------------------------------------------
+// --- Vectors ---
 
-// The public id, or 0 on failure (0 is also the first id). Searches that start later see the vector.
+// The public id, or 0 on failure (0 is also the first id). Searches that start later see the
+// vector.
 KORVEX_ENGINE_API uint32_t korvex_add(hnsw_s* index, const float* vector, uint64_t label);
-KORVEX_ENGINE_API void korvex_add_multiple(hnsw_s* index, const float* vectors, int count, uint32_t* first,
-                                           uint32_t* last);
+KORVEX_ENGINE_API void korvex_add_multiple(hnsw_s* index, const float* vectors, int count,
+                                           uint32_t* first, uint32_t* last);
 KORVEX_ENGINE_API int korvex_has_finish_adding(hnsw_s* index);
 KORVEX_ENGINE_API void korvex_wait_finish_adding(hnsw_s* index);
 // Hides a vector from all results, or shows it again. 0, or -1 for an id that does not exist.
 KORVEX_ENGINE_API int korvex_delete(hnsw_s* index, uint32_t id, int undelete);
 KORVEX_ENGINE_API int korvex_is_flag_set_internal(hnsw_s* index, uint32_t internal_id, int mask);
-// Labels: 0 while they are off or the id does not exist. Setting one also undeletes; returns the label before.
+// Labels: 0 while they are off or the id does not exist. Setting one also undeletes; returns the
+// label before.
 KORVEX_ENGINE_API uint64_t korvex_get_label(hnsw_s* index, uint32_t id);
 KORVEX_ENGINE_API uint64_t korvex_set_label(hnsw_s* index, uint32_t id, uint64_t label);
-KORVEX_ENGINE_API void korvex_set_data(hnsw_s* index, uint32_t id, void* data, int unused);  // in place of the label
+// In place of the label.
+KORVEX_ENGINE_API void korvex_set_data(hnsw_s* index, uint32_t id, void* data, int unused);
 // Always 0; asks the Bloom filter in passing.
 KORVEX_ENGINE_API int korvex_is_indexed(hnsw_s* index, const float* vector);
 // Raw distance between a stored vector and one given.
@@ -106,9 +131,9 @@ KORVEX_ENGINE_API float korvex_get_distance_ext(hnsw_s* index, uint32_t id, cons
 KORVEX_ENGINE_API int korvex_get_vector(hnsw_s* index, uint32_t id, float* out);
 
 typedef struct korvex_stats_s {
-  uint32_t size;        // bytes of this record, set by the caller: newer libraries fill more
+  uint32_t size;  // bytes of this record, set by the caller: newer libraries fill more
   uint32_t dimension;
-  uint32_t added;       // vectors that additions returned
+  uint32_t added;  // vectors that additions returned
   uint32_t deleted;
   uint32_t duplicates;  // hidden because they repeat another
   uint32_t unlinked;    // not yet reachable by a walk
@@ -121,7 +146,7 @@ typedef struct korvex_stats_s {
 // Counts flags of every vector: time grows with the index. 0 or -1.
 KORVEX_ENGINE_API int korvex_get_stats(hnsw_s* index, korvex_stats_s* stats);
 
-// --- Search sessions ------------------------------------------------------------------------------------------------
+// --- Search sessions ---
 
 typedef int (*korvex_filter_callback_fn)(const void* data, unsigned id, unsigned long long label);
 typedef int (*korvex_result_callback_fn)(unsigned sid, const void* data);
@@ -130,11 +155,14 @@ typedef int (*korvex_result_callback_fn)(unsigned sid, const void* data);
 KORVEX_ENGINE_API uint32_t korvex_search_init(hnsw_s* index, int k, void* user_data);
 KORVEX_ENGINE_API void korvex_search_free(hnsw_s* index, uint32_t sid);
 KORVEX_ENGINE_API void* korvex_search_get_userdata(hnsw_s* index, uint32_t sid);
-KORVEX_ENGINE_API void korvex_search_set_callbacks(hnsw_s* index, uint32_t sid, korvex_filter_callback_fn filter,
-                                                   korvex_result_callback_fn result, const void* data);
+KORVEX_ENGINE_API void korvex_search_set_callbacks(hnsw_s* index, uint32_t sid,
+                                                   korvex_filter_callback_fn filter,
+                                                   korvex_result_callback_fn result,
+                                                   const void* data);
 KORVEX_ENGINE_API void korvex_search_set_cbdata(hnsw_s* index, uint32_t sid, const void* data);
 // 0 or KORVEX_FAILED.
-KORVEX_ENGINE_API uint32_t korvex_search(hnsw_s* index, uint32_t sid, const float* query, int radius, int k);
+KORVEX_ENGINE_API uint32_t korvex_search(hnsw_s* index, uint32_t sid, const float* query,
+                                         int radius, int k);
 KORVEX_ENGINE_API uint32_t korvex_search_more(hnsw_s* index, uint32_t sid);
 KORVEX_ENGINE_API uint32_t korvex_search_refine(hnsw_s* index, uint32_t sid);
 KORVEX_ENGINE_API uint32_t korvex_search_filter(hnsw_s* index, uint32_t sid, uint32_t id);
@@ -142,37 +170,43 @@ KORVEX_ENGINE_API int korvex_search_refine_vector(hnsw_s* index, uint32_t sid, c
                                                   const void* attributes);  // always -1
 // Wait for the running search; what they return lives until the session's next search.
 KORVEX_ENGINE_API korvex_results_s* korvex_search_result(hnsw_s* index, uint32_t sid, int copy);
-KORVEX_ENGINE_API korvex_result_ids_s* korvex_search_result_ids(hnsw_s* index, uint32_t sid, int copy);
-KORVEX_ENGINE_API korvex_result_dists_s* korvex_search_result_dists(hnsw_s* index, uint32_t sid, int copy);
+KORVEX_ENGINE_API korvex_result_ids_s* korvex_search_result_ids(hnsw_s* index, uint32_t sid,
+                                                                int copy);
+KORVEX_ENGINE_API korvex_result_dists_s* korvex_search_result_dists(hnsw_s* index, uint32_t sid,
+                                                                    int copy);
 
-// --- Direct search --------------------------------------------------------------------------------------------------
+// --- Direct search ---
 
-// Excludes a public id when it returns non-zero; label is 0 while labels are off. Called on the searching thread.
+// Excludes a public id when it returns non-zero; label is 0 while labels are off. Called on the
+// searching thread.
 typedef int (*korvex_direct_filter_fn)(void* context, uint32_t id, uint64_t label);
 
 typedef struct korvex_direct_options_s {
-  uint32_t size;                   // bytes of this record; zero the rest for the defaults
-  int32_t radius;                  // candidates looked at, at least; more finds more and takes longer
+  uint32_t size;   // bytes of this record; zero the rest for the defaults
+  int32_t radius;  // candidates looked at, at least; more finds more and takes longer
   korvex_direct_filter_fn filter;  // null: none
   void* filter_context;
-  const uint32_t* allowed_ids;     // public ids in any order; null: all
+  const uint32_t* allowed_ids;  // public ids in any order; null: all
   size_t allowed_count;
-  const uint64_t* allowed_bits;    // bit id % 64 of word id / 64 allows an id; null: all
-  size_t allowed_bit_count;        // ids from here on are not allowed
-  uint64_t deadline_ms;            // for the whole call, 0: none; rows behind it come back empty
+  const uint64_t* allowed_bits;  // bit id % 64 of word id / 64 allows an id; null: all
+  size_t allowed_bit_count;      // ids from here on are not allowed
+  uint64_t deadline_ms;          // for the whole call, 0: none; rows behind it come back empty
 } korvex_direct_options_s;
 
-// Answers n queries on the calling thread: no queue, no callback, no result cache. All pattern probes are walked.
-// Shapes   queries [n x dimension] row-major; ids and distances [n x k] row-major; counts [n]; distances and counts may
-//          be null
+// Answers n queries on the calling thread: no queue, no callback, no result cache. All pattern
+// probes are walked.
+// Shapes   queries [n x dimension] row-major; ids and distances [n x k] row-major; counts [n];
+//          distances and counts may be null
 // Units    raw distances of the metric
-// Order    nearest first; a row with fewer than k hits ends in (KORVEX_NO_ID, NaN), counts[i] tells how many are real
+// Order    nearest first; a row with fewer than k hits ends in (KORVEX_NO_ID, NaN), counts[i] tells
+//          how many are real
 // Filters  excluded vectors still lead the walk on; when few are allowed they are scanned exactly
-// Result   n, or -1: null pointers, k < 1, a query that is not finite while parameters are validated, no memory
+// Result   n, or -1: null pointers, k < 1, a query that is not finite while parameters are
+//          validated, no memory
 // Threads  any number at once, beside additions; sees every addition that returned before the call
 KORVEX_ENGINE_API int64_t korvex_search_direct(hnsw_s* index, const float* queries, size_t n, int k,
-                                               const korvex_direct_options_s* options, uint32_t* ids,
-                                               float* distances, uint32_t* counts);
+                                               const korvex_direct_options_s* options,
+                                               uint32_t* ids, float* distances, uint32_t* counts);
 
 #ifdef __cplusplus
 }

@@ -16,18 +16,22 @@
 #include "search/direct.h"
 #include "search/session.h"
 
-// The C names of the engine's functions. Each forwards; nothing but results and records crosses the border.
+// The C names of the engine's functions. Each forwards; nothing but results and records crosses the
+// border.
 
 extern "C" {
 
-hnsw_s* korvex_init(uint32_t dimension, uint8_t instance_id, const char* base_path, const char* name) try {
+hnsw_s* korvex_init(uint32_t dimension, uint8_t instance_id, const char* base_path,
+                    const char* name) try {
   return korvex::korvex_init(dimension, instance_id, base_path, name);
 } catch (const std::exception& error) {
   KORVEX_LOG_CRITICAL("the index could not be created: %s\n", error.what());
   return nullptr;
 }
 
-void korvex_free(hnsw_s* index) { korvex::korvex_free(index); }
+void korvex_free(hnsw_s* index) {
+  korvex::korvex_free(index);
+}
 
 int korvex_init_memory(hnsw_s* index) {
   return index != nullptr && korvex::korvex_try_init_memory(index) ? 0 : -1;
@@ -37,44 +41,72 @@ int korvex_sync_to_disk(hnsw_s* index, unsigned min_interval) {
   return korvex::korvex_sync_to_disk(index, min_interval);
 }
 
-void korvex_validate_parameters(hnsw_s* index, int value) { korvex::korvex_validate_parameters(index, value); }
-void korvex_set_threads(hnsw_s* index, int threads) { korvex::korvex_set_threads(index, threads); }
+void korvex_validate_parameters(hnsw_s* index, int value) {
+  korvex::korvex_validate_parameters(index, value);
+}
+void korvex_set_threads(hnsw_s* index, int threads) {
+  korvex::korvex_set_threads(index, threads);
+}
 void korvex_set_search_threads(hnsw_s* index, int threads, int queue_limit) {
   korvex::korvex_set_search_threads(index, threads, queue_limit);
 }
 void korvex_set_parallel_search_jobs(hnsw_s* index, int jobs) {
   korvex::korvex_set_parallel_search_jobs(index, jobs);
 }
-void korvex_set_partitions(hnsw_s* index, int probes) { korvex::korvex_set_partitions(index, probes); }
+void korvex_set_partitions(hnsw_s* index, int probes) {
+  korvex::korvex_set_partitions(index, probes);
+}
 void korvex_set_alloc_units(hnsw_s* index, unsigned vectors, int flag) {
   korvex::korvex_set_alloc_units(index, vectors, flag);
 }
 int korvex_set_max_ram_usage(hnsw_s* index, uint64_t bytes) {
   return korvex::korvex_set_max_ram_usage(index, bytes);
 }
-void korvex_available_memory(hnsw_s* index, uint64_t bytes) { korvex::korvex_available_memory(index, bytes); }
-void korvex_enable_label(hnsw_s* index, int enable) { korvex::korvex_enable_label(index, enable); }
-void korvex_enable_attributes(hnsw_s* index, int enable) { korvex::korvex_enable_attributes(index, enable); }
+void korvex_available_memory(hnsw_s* index, uint64_t bytes) {
+  korvex::korvex_available_memory(index, bytes);
+}
+void korvex_enable_label(hnsw_s* index, int enable) {
+  korvex::korvex_enable_label(index, enable);
+}
+void korvex_enable_attributes(hnsw_s* index, int enable) {
+  korvex::korvex_enable_attributes(index, enable);
+}
 int korvex_enable_huges_pages(hnsw_s* index, int enable) {
   return korvex::korvex_enable_huges_pages(index, enable);
 }
-void korvex_set_numa_node(hnsw_s* index, int node) { korvex::korvex_set_numa_node(index, node); }
-void korvex_set_distance_type(hnsw_s* index, int type) { korvex::korvex_set_distance_type(index, type); }
-void korvex_set_normalize(hnsw_s* index, int normalize) { korvex::korvex_set_normalize(index, normalize); }
+void korvex_set_numa_node(hnsw_s* index, int node) {
+  korvex::korvex_set_numa_node(index, node);
+}
+void korvex_set_distance_type(hnsw_s* index, int type) {
+  korvex::korvex_set_distance_type(index, type);
+}
+void korvex_set_normalize(hnsw_s* index, int normalize) {
+  korvex::korvex_set_normalize(index, normalize);
+}
 int korvex_set_neighbors_count(hnsw_s* index, int count) {
   return korvex::korvex_set_neighbors_count(index, count);
 }
-int korvex_set_radius(hnsw_s* index, int radius) { return korvex::korvex_set_radius(index, radius); }
+int korvex_set_radius(hnsw_s* index, int radius) {
+  return korvex::korvex_set_radius(index, radius);
+}
 void korvex_set_duplicate_threshold(hnsw_s* index, int mode, float threshold, int option) {
   korvex::korvex_set_duplicate_threshold(index, mode, threshold, option);
 }
-void korvex_enable_index_check(hnsw_s* index, int enable) { korvex::korvex_enable_index_check(index, enable); }
+void korvex_enable_index_check(hnsw_s* index, int enable) {
+  korvex::korvex_enable_index_check(index, enable);
+}
 int korvex_destroy_disk_index(hnsw_s* index, int destroy) {
   return korvex::korvex_destroy_disk_index(index, destroy);
 }
-int korvex_init_log(hnsw_s* index, int enabled) { return korvex::korvex_init_log(index, enabled); }
-void korvex_print_debug_info(hnsw_s* index) { korvex::korvex_print_debug_info(index); }
-int korvex_set_result_cache(hnsw_s* index, int mode) { return korvex::korvex_set_result_cache(index, mode); }
+int korvex_init_log(hnsw_s* index, int enabled) {
+  return korvex::korvex_init_log(index, enabled);
+}
+void korvex_print_debug_info(hnsw_s* index) {
+  korvex::korvex_print_debug_info(index);
+}
+int korvex_set_result_cache(hnsw_s* index, int mode) {
+  return korvex::korvex_set_result_cache(index, mode);
+}
 
 uint32_t korvex_add(hnsw_s* index, const float* vector, uint64_t label) try {
   if (index == nullptr || vector == nullptr) return 0;
@@ -89,7 +121,8 @@ uint32_t korvex_add(hnsw_s* index, const float* vector, uint64_t label) try {
   return 0;
 }
 
-void korvex_add_multiple(hnsw_s* index, const float* vectors, int count, uint32_t* first, uint32_t* last) try {
+void korvex_add_multiple(hnsw_s* index, const float* vectors, int count, uint32_t* first,
+                         uint32_t* last) try {
   uint32_t ignored = 0;
   korvex::korvex_add_multiple(index, vectors, count, first != nullptr ? first : &ignored,
                               last != nullptr ? last : &ignored);
@@ -97,20 +130,30 @@ void korvex_add_multiple(hnsw_s* index, const float* vectors, int count, uint32_
   KORVEX_LOG_CRITICAL("vectors could not be added: %s\n", error.what());
 }
 
-int korvex_has_finish_adding(hnsw_s* index) { return korvex::korvex_has_finish_adding(index); }
-void korvex_wait_finish_adding(hnsw_s* index) { korvex::korvex_wait_finish_adding(index); }
-int korvex_delete(hnsw_s* index, uint32_t id, int undelete) { return korvex::korvex_delete(index, id, undelete); }
+int korvex_has_finish_adding(hnsw_s* index) {
+  return korvex::korvex_has_finish_adding(index);
+}
+void korvex_wait_finish_adding(hnsw_s* index) {
+  korvex::korvex_wait_finish_adding(index);
+}
+int korvex_delete(hnsw_s* index, uint32_t id, int undelete) {
+  return korvex::korvex_delete(index, id, undelete);
+}
 int korvex_is_flag_set_internal(hnsw_s* index, uint32_t internal_id, int mask) {
   return korvex::korvex_is_flag_set_internal(index, internal_id, mask);
 }
-uint64_t korvex_get_label(hnsw_s* index, uint32_t id) { return korvex::korvex_get_label(index, id); }
+uint64_t korvex_get_label(hnsw_s* index, uint32_t id) {
+  return korvex::korvex_get_label(index, id);
+}
 uint64_t korvex_set_label(hnsw_s* index, uint32_t id, uint64_t label) {
   return korvex::korvex_set_label(index, id, label);
 }
 void korvex_set_data(hnsw_s* index, uint32_t id, void* data, int unused) {
   korvex::korvex_set_data(index, id, data, unused);
 }
-int korvex_is_indexed(hnsw_s* index, const float* vector) { return korvex::korvex_is_indexed(index, vector); }
+int korvex_is_indexed(hnsw_s* index, const float* vector) {
+  return korvex::korvex_is_indexed(index, vector);
+}
 float korvex_get_distance_ext(hnsw_s* index, uint32_t id, const float* vector) {
   return korvex::korvex_get_distance_ext(index, id, vector);
 }
@@ -145,7 +188,9 @@ int korvex_get_stats(hnsw_s* index, korvex_stats_s* stats) {
 uint32_t korvex_search_init(hnsw_s* index, int k, void* user_data) {
   return korvex::korvex_search_init(index, k, user_data);
 }
-void korvex_search_free(hnsw_s* index, uint32_t sid) { korvex::korvex_search_free(index, sid); }
+void korvex_search_free(hnsw_s* index, uint32_t sid) {
+  korvex::korvex_search_free(index, sid);
+}
 void* korvex_search_get_userdata(hnsw_s* index, uint32_t sid) {
   return korvex::korvex_search_get_userdata(index, sid);
 }
@@ -159,12 +204,17 @@ void korvex_search_set_cbdata(hnsw_s* index, uint32_t sid, const void* data) {
 uint32_t korvex_search(hnsw_s* index, uint32_t sid, const float* query, int radius, int k) {
   return korvex::korvex_search(index, sid, query, radius, k);
 }
-uint32_t korvex_search_more(hnsw_s* index, uint32_t sid) { return korvex::korvex_search_more(index, sid); }
-uint32_t korvex_search_refine(hnsw_s* index, uint32_t sid) { return korvex::korvex_search_refine(index, sid); }
+uint32_t korvex_search_more(hnsw_s* index, uint32_t sid) {
+  return korvex::korvex_search_more(index, sid);
+}
+uint32_t korvex_search_refine(hnsw_s* index, uint32_t sid) {
+  return korvex::korvex_search_refine(index, sid);
+}
 uint32_t korvex_search_filter(hnsw_s* index, uint32_t sid, uint32_t id) {
   return korvex::korvex_search_filter(index, sid, id);
 }
-int korvex_search_refine_vector(hnsw_s* index, uint32_t sid, const float* vector, const void* attributes) {
+int korvex_search_refine_vector(hnsw_s* index, uint32_t sid, const float* vector,
+                                const void* attributes) {
   return korvex::korvex_search_refine_vector(index, sid, vector, attributes);
 }
 korvex_results_s* korvex_search_result(hnsw_s* index, uint32_t sid, int copy) {
@@ -178,13 +228,14 @@ korvex_result_dists_s* korvex_search_result_dists(hnsw_s* index, uint32_t sid, i
 }
 
 int64_t korvex_search_direct(hnsw_s* index, const float* queries, size_t n, int k,
-                             const korvex_direct_options_s* options, uint32_t* ids, float* distances,
-                             uint32_t* counts) {
+                             const korvex_direct_options_s* options, uint32_t* ids,
+                             float* distances, uint32_t* counts) {
   korvex_direct_options_s given{};
-  if (options != nullptr) std::memcpy(&given, options, std::min<size_t>(options->size, sizeof given));
-  const korvex::direct_options chosen{given.radius,       given.filter,        given.filter_context,
-                                      given.allowed_ids,  given.allowed_count, given.allowed_bits,
-                                      given.allowed_bit_count, given.deadline_ms};
+  if (options != nullptr)
+    std::memcpy(&given, options, std::min<size_t>(options->size, sizeof given));
+  const korvex::direct_options chosen{
+      given.radius,        given.filter,       given.filter_context,    given.allowed_ids,
+      given.allowed_count, given.allowed_bits, given.allowed_bit_count, given.deadline_ms};
   return korvex::korvex_search_direct(index, queries, n, k, &chosen, ids, distances, counts);
 }
 

@@ -29,14 +29,17 @@ index_statistics collect_statistics(const hnsw_s* hnsw) {
   if (load_counter(hnsw->memory_initialised) == 0) return result;
   const korvex_runtime_s& runtime = *hnsw->runtime;
   for (const vectpool_c* store : runtime.store)
-    if (store != nullptr) result.memory_bytes += std::uint64_t{store->size()} * store->record_size();
-  result.memory_bytes += std::uint64_t{runtime.star_pool->size()} * runtime.star_pool->record_size();
+    if (store != nullptr)
+      result.memory_bytes += std::uint64_t{store->size()} * store->record_size();
+  result.memory_bytes +=
+      std::uint64_t{runtime.star_pool->size()} * runtime.star_pool->record_size();
   result.added = load_counter(hnsw->added);
   const std::uint32_t networked = load_counter(hnsw->networked);
   result.unlinked = result.added > networked ? result.added - networked : 0;
   for (std::uint32_t id = 1; id <= result.added; ++id) {
     std::uint8_t* const word = flags_of(runtime, id);
-    const std::uint8_t flags = word == nullptr ? std::uint8_t{0} : std::atomic_ref<std::uint8_t>(*word).load();
+    const std::uint8_t flags =
+        word == nullptr ? std::uint8_t{0} : std::atomic_ref<std::uint8_t>(*word).load();
     result.deleted += (flags & flag_deleted) != 0 ? 1 : 0;
     result.duplicates += (flags & flag_duplicate) != 0 ? 1 : 0;
   }

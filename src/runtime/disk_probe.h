@@ -30,8 +30,8 @@ void disk_perf_warning();
 // The same for a drive whose kind is known. 1 when something was logged, else 0.
 int print_slow_disk_warning(int is_nvme, int pcie_gen, int has_dram);
 
-// A guess from a drive's names: 1 likely with a memory chip of its own, 0 likely without, -1 without
-// a model.
+// A guess from a drive's names: 1 likely with a memory chip of its own, 0 likely without, -1
+// without a model.
 int nvme_has_dram_by_model(const char* model, const char* vendor);
 
 // A hook for checks of the drive under `path` when an index is opened on it; none so far.

@@ -10,7 +10,6 @@
 #include "runtime/sync.h"
 
 namespace korvex {
-
 namespace {
 
 constexpr std::uint64_t k_shortest_life_ms = 1000;
@@ -251,7 +250,9 @@ int jobq_thread_launch(jobq_s* queue, thread_function function, void* argument, 
   if (queue == nullptr || !room_for_worker(queue)) return -1;
   if (force == 0 && !may_launch(queue)) return -1;
   mutex_guard guard(&queue->lock);
-  if (queue->closed || (force == 0 && !may_launch(queue))) return -1;
+  // Both again under the lock: another launcher may have taken the last place.
+  if (queue->closed || !room_for_worker(queue)) return -1;
+  if (force == 0 && !may_launch(queue)) return -1;
   std::uint32_t wanted = count == 0 ? 1 : static_cast<std::uint32_t>(count);
   if (count < 0) wanted = queue->max_threads.load();
   for (std::uint32_t made = 0; made < wanted && room_for_worker(queue); ++made) {

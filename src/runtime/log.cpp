@@ -89,10 +89,12 @@ struct sequence_gap {
 
   void report() const {
     if (sequence == last + 1) return;
-    std::printf("out of sequence: seq %u last %u dropped %u last dropped %u diff %u entries %zd\n",
+    std::FILE* const output = log_fp();
+    if (output == nullptr) return;
+    std::fprintf(output, "out of sequence: seq %u last %u dropped %u last dropped %u diff %u entries %zd\n",
                 sequence, last, dropped, last_dropped, dropped - last_dropped,
                 static_cast<ssize_t>(entries));
-    std::fflush(stdout);
+    std::fflush(output);
   }
 };
 

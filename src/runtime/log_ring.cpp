@@ -31,8 +31,10 @@ constexpr std::uint64_t entry_bytes(std::uint64_t tag_length, std::uint64_t mess
 static_assert(entry_bytes(0, 0) >= k_header_bytes + 2, "both texts keep their NUL");
 
 void print_error(const char* text) {
-  std::fputs(text, stdout);
-  std::fflush(stdout);
+  std::FILE* const output = log_fp();
+  if (output == nullptr) return;
+  std::fputs(text, output);
+  std::fflush(output);
 }
 
 // Formats into room bytes, the NUL included; the number of characters kept.

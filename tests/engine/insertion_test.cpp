@@ -126,7 +126,7 @@ TEST(Insertion, GoesOnWithoutThreads) {
 }
 
 TEST(Insertion, AFailedAllocationCostsNoId) {
-  const cloud points = make_clusters(3'000, 4, 1);
+  const cloud points = make_clusters(1'100, 4, 1);
   int thrown = 0;
   for (int after = 0; after < 8; ++after) {
     const open_index index({.dimension = 4, .probes = 2, .units = 1000});

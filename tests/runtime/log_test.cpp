@@ -71,17 +71,6 @@ TEST(LogRing, KeepsTheNewestLinesInOrderForEver) {
   }
 }
 
-TEST(LogRing, DropsNothingWhileTheLinesFit) {
-  log_ring ring;
-  ASSERT_TRUE(ring.allocate(1000));
-  // 64 bytes an entry: 15 of them leave 40 bytes, which no lap may waste for ever.
-  for (int i = 0; i < 10'000; ++i) {
-    ASSERT_TRUE(push(&ring, "", "%06d", i));
-    if (ring.count() == 14) ring.pop_front();
-  }
-  EXPECT_EQ(ring.dropped(), 0u);
-}
-
 TEST(LogRing, ALineTooLongForTheRingIsCut) {
   for (const std::uint64_t capacity : {64'000u, 63'997u, 104u}) {
     log_ring ring;
