@@ -54,7 +54,7 @@ ids one_by_one(hnsw_s* hnsw, const cloud& queries, int radius, int k) {
 
 TEST(Bulk, RowsAreTheAnswersOfTheirQueries) {
   const watchdog guard;
-  const cloud points = make_clusters(900, 5, 1);
+  const cloud points = make_clusters(sanitized ? 300 : 900, 5, 1);
   for (const int probes : {1, 2, 16}) {
     for (const int threads : {1, 3}) {
       // A beam that holds all a probe has: parallel walks then find the same whatever their timing.
@@ -66,7 +66,7 @@ TEST(Bulk, RowsAreTheAnswersOfTheirQueries) {
                              points);
       korvex_wait_finish_adding(index);
       batch asking(index);
-      for (const int n : {1, 2, 7, 150}) {
+      for (const int n : {1, 2, 7, sanitized ? 40 : 150}) {
         const cloud queries = make_clusters(n, 5, 2);
         const int k = n == 7 ? 1'000 : 10;  // more than there are
         EXPECT_EQ(asking.ask(queries, 900, k), 0u);
@@ -172,14 +172,14 @@ TEST(Bulk, ACallbackMayReuseOrGiveUpItsBatch) {
     for (const int threads : {1, 2}) {
       const open_index index(
           {.dimension = 3, .probes = probes, .search_threads = threads, .queue_limit = 1}, points);
-      for (int round = 0; round < 10; ++round) {
+      for (int round = 0; round < (sanitized ? 3 : 10); ++round) {
         chain self{index, &queries, new batch(index), one_by_one(index, queries, 100, 3), {10}, {}};
         EXPECT_EQ(self.asking->ask(queries, 100, 3, next_batch, &self), 0u);
         EXPECT_TRUE(eventually([&] { return self.over.load(); }));
       }
       // Given up while it runs, and reused while it runs.
       batch reused(index);
-      for (int round = 0; round < 10; ++round) {
+      for (int round = 0; round < (sanitized ? 3 : 10); ++round) {
         batch dropped(index);
         EXPECT_EQ(dropped.ask(points, 100, 3), 0u);
         EXPECT_EQ(reused.ask(queries, 100, 3), 0u);
@@ -220,7 +220,7 @@ TEST(Bulk, ABatchInsideACallbackOfTheOnlyThreadEnds) {
 
 TEST(Bulk, ManyHostsShareSixteenProbesAndTwoThreads) {
   const watchdog guard(120);
-  const cloud points = make_clusters(800, 6, 1);
+  const cloud points = make_clusters(sanitized ? 250 : 800, 6, 1);
   const cloud queries = make_clusters(60, 6, 2);
   const open_index index({.dimension = 6, .probes = 16, .threads = 2, .queue_limit = 4}, points);
   korvex_wait_finish_adding(index);
@@ -249,8 +249,8 @@ TEST(Bulk, ManyHostsShareSixteenProbesAndTwoThreads) {
 // What was not answered by then is zero rows; who waits returns, the callback comes.
 TEST(Bulk, DestroyingTheIndexEndsARunningBatch) {
   const watchdog guard;
-  const cloud points = make_clusters(1'000, 8, 1);
-  const cloud queries = make_clusters(2'000, 8, 2);
+  const cloud points = make_clusters(sanitized ? 300 : 1000, 8, 1);
+  const cloud queries = make_clusters(sanitized ? 500 : 2000, 8, 2);
   for (int round = 0; round < 12; ++round) {
     open_index index({.dimension = 8, .probes = 1 + round % 3, .search_threads = 1 + round % 2},
                      points);
@@ -262,7 +262,7 @@ TEST(Bulk, DestroyingTheIndexEndsARunningBatch) {
         const bool tells = round % 4 < 2;
         asking.ask(queries, 100, 5, tells ? count_call : nullptr, &told);
         running = true;
-        EXPECT_EQ(asking.rows().size(), 10'000u);
+        EXPECT_EQ(asking.rows().size(), 5 * static_cast<std::size_t>(queries.size()));
         EXPECT_TRUE(eventually([&] { return told.calls.load() == (tells ? 1 : 0); }));
       });
       running = true;

@@ -80,8 +80,8 @@ TEST(Session, FindsTheNeighboursForEveryDimensionMetricAndProbeCount) {
       const int probes = probe_counts[turn++ % 3];
       const float length = metric == DISTANCE_INNER_PRODUCT ? 100.0f : 0.0f;
       const cloud points =
-          make_clusters(sanitized ? size.n / 2 : size.n, size.dimension, 1, 10, length);
-      const cloud queries = make_clusters(20, size.dimension, 2, 10, length);
+          make_clusters(sanitized ? size.n / 4 : size.n, size.dimension, 1, 10, length);
+      const cloud queries = make_clusters(sanitized ? 10 : 20, size.dimension, 2, 10, length);
       const open_index index({.dimension = size.dimension,
                               .metric = metric,
                               .probes = probes,
@@ -107,8 +107,8 @@ TEST(Session, FindsTheNeighboursForEveryDimensionMetricAndProbeCount) {
           ASSERT_TRUE(ordered);
         }
       }
-      EXPECT_GE(found, 190) << "dimension " << size.dimension << " metric " << metric << " probes "
-                            << probes;
+      EXPECT_GE(found, queries.size() * 10 * 95 / 100)
+          << "dimension " << size.dimension << " metric " << metric << " probes " << probes;
     }
   }
 }
@@ -127,7 +127,7 @@ TEST(Session, MoreNeitherRepeatsNorSkips) {
       {1, 7, 4, DISTANCE_L2_SQUARE},     {2, 11, 3, DISTANCE_L2},  {5, 3, 4, DISTANCE_L2_SQUARE},
       {2, 7, 0, DISTANCE_INNER_PRODUCT}, {16, 10, 0, DISTANCE_L2}, {1, 40, 2, DISTANCE_L2_SQUARE}};
   for (const paging& row : rows) {
-    for (unsigned seed = 1; seed <= 5; ++seed) {
+    for (unsigned seed = 1; seed <= (sanitized ? 1u : 5u); ++seed) {
       SCOPED_TRACE(testing::Message() << row.probes << " probes, k " << row.k << ", side "
                                       << row.side << ", seed " << seed);
       const float length = row.metric == DISTANCE_INNER_PRODUCT ? 10.0f : 0.0f;
