@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <stdexcept>
 
 #include "runtime/memory_report.h"
@@ -10,11 +11,9 @@ namespace korvex::compare {
 
 namespace {
 
-template <class Work>
-double seconds_of(const Work& work) {
-  const auto begin = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+double seconds_now(bool processor_time) {
+  if (processor_time) return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 double resident_bytes() {
@@ -49,6 +48,13 @@ class comparison {
   }
 
  private:
+  template <class Work>
+  double seconds_of(const Work& work) const {
+    const double begin = seconds_now(plan_.processor_time);
+    work();
+    return seconds_now(plan_.processor_time) - begin;
+  }
+
   template <class Work>
   void in_turn(int round, const Work& work) {
     for (std::size_t i = 0; i < indexes_.size(); ++i)

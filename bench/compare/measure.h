@@ -20,6 +20,8 @@ struct plan {
   int search_rounds = 3;
   std::vector<unsigned> efforts;  // ascending
   unsigned k = 10;
+  // Processor time of all threads instead of time gone by: for machines that are busy with other things.
+  bool processor_time = false;
 };
 
 // One point of a curve. seconds holds one time a round, for all queries.

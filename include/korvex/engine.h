@@ -54,8 +54,9 @@ enum {
 // path or the files do not serve.
 KORVEX_ENGINE_API hnsw_s* korvex_init(uint32_t dimension, uint8_t instance_id,
                                       const char* base_path, const char* name);
-// Stops and releases an index from korvex_init within 110 ms. Not for records that belong to a
-// Korvex object.
+// Stops and releases an index from korvex_init within 110 ms. No other call on the record may be
+// under way, those of sessions included, or follow; may be called from a callback of the index. Not
+// for records that belong to a Korvex object.
 KORVEX_ENGINE_API void korvex_free(hnsw_s* index);
 // Builds the stores now instead of at the first addition or session. 0, or -1 when memory or disk
 // do not suffice.
@@ -75,7 +76,7 @@ KORVEX_ENGINE_API void korvex_set_parallel_search_jobs(hnsw_s* index, int jobs);
 // Pattern probes 1..16, default 2.
 KORVEX_ENGINE_API void korvex_set_partitions(hnsw_s* index, int probes);
 KORVEX_ENGINE_API void korvex_set_alloc_units(hnsw_s* index, unsigned vectors, int flag);
-// Disk cache; below 100: per cent.
+// Disk cache; below 100: per cent of the memory. 1, or 0 after one line for an index in memory.
 KORVEX_ENGINE_API int korvex_set_max_ram_usage(hnsw_s* index, uint64_t bytes);
 // Plan with this instead of the system's.
 KORVEX_ENGINE_API void korvex_available_memory(hnsw_s* index, uint64_t bytes);
@@ -84,7 +85,8 @@ KORVEX_ENGINE_API void korvex_enable_label(hnsw_s* index, int enable);
 KORVEX_ENGINE_API void korvex_enable_attributes(hnsw_s* index, int enable);
 KORVEX_ENGINE_API int korvex_enable_huges_pages(hnsw_s* index, int enable);
 KORVEX_ENGINE_API void korvex_set_numa_node(hnsw_s* index, int node);
-KORVEX_ENGINE_API void korvex_set_distance_type(hnsw_s* index, int type);  // default squared L2
+// Default squared L2; an unknown number changes nothing.
+KORVEX_ENGINE_API void korvex_set_distance_type(hnsw_s* index, int type);
 // 1: unit copies are stored and searched
 KORVEX_ENGINE_API void korvex_set_normalize(hnsw_s* index, int normalize);
 // Default 16; lists hold twice as many.
@@ -95,7 +97,8 @@ KORVEX_ENGINE_API void korvex_set_duplicate_threshold(hnsw_s* index, int mode, f
                                                       int option);
 // Bloom filter of indexed vectors
 KORVEX_ENGINE_API void korvex_enable_index_check(hnsw_s* index, int enable);
-// Deletes the directory's files at the end.
+// On disk only: korvex_free deletes every *.korvex file of the index's directory, those of other
+// indexes there included.
 KORVEX_ENGINE_API int korvex_destroy_disk_index(hnsw_s* index, int destroy);
 // Creates "log_nimbra-<threads>.txt" in the current directory; its descriptor, or -1.
 KORVEX_ENGINE_API int korvex_init_log(hnsw_s* index, int enabled);
@@ -148,7 +151,11 @@ KORVEX_ENGINE_API int korvex_get_stats(hnsw_s* index, korvex_stats_s* stats);
 
 // --- Search sessions ---
 
+// Both are called on search threads without a lock, the filter from several at once; they may call
+// any function of the index. Exceptions must not leave them.
+// Excludes a public id when it returns non-zero; label is 0 while labels are off.
 typedef int (*korvex_filter_callback_fn)(const void* data, unsigned id, unsigned long long label);
+// The results of a search are ready. May start the next search or free the session.
 typedef int (*korvex_result_callback_fn)(unsigned sid, const void* data);
 
 // A session for one query at a time; 0 when there is none. See Korvex::createQuerySession.

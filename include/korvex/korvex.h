@@ -137,7 +137,7 @@ class Korvex {
   virtual void setNUMANode(int node) = 0;                   // default -1: none
   virtual void setQuantization(int unused) = 0;             // does nothing
   virtual void setQuantizationThreshold(float unused) = 0;  // does nothing
-  // 1..16, default 2; each probe is walked on its own.
+  // 1..16, default 2, more count as 16; each probe is walked on its own.
   virtual void setPatternProbes(int probes) = 0;
   // Default 16: up to 32 neighbours. 0, or -1 for a size below 1.
   virtual int setConstellationSize(int size) = 0;
@@ -146,10 +146,11 @@ class Korvex {
   virtual void setThreads(int threads) = 0;  // indexing threads; 0 links inside addVector
   // Search threads; queued queries before query() waits.
   virtual void setQueryThreads(int threads, int queue_limit) = 0;
-  virtual void setIndexOptimization(int unused) = 0;    // does nothing
-  virtual void setSearchOptimization(int unused) = 0;   // does nothing
-  virtual void setDistanceType(DistanceType type) = 0;  // default squared Euclidean
-  virtual void setMipsMode() = 0;                       // does nothing: choose the inner product
+  virtual void setIndexOptimization(int unused) = 0;   // does nothing
+  virtual void setSearchOptimization(int unused) = 0;  // does nothing
+  // Default squared Euclidean; an unknown type changes nothing.
+  virtual void setDistanceType(DistanceType type) = 0;
+  virtual void setMipsMode() = 0;             // does nothing: choose the inner product
   virtual void setNormalize(int enable) = 0;  // default 0; 1: unit copies are stored and searched
   virtual void enableDuplicateDetection(int enable) = 0;  // keeps a filter of indexed vectors
   virtual int isIndexed(const float* vector) = 0;         // always 0

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "api/border.h"
 #include "engine/configuration.h"
 #include "engine/distances.h"
 #include "engine/indexing.h"
@@ -12,25 +13,54 @@
 #include "engine/teardown.h"
 #include "korvex/engine.h"
 #include "math/kernels.h"
-#include "runtime/log.h"
 #include "search/direct.h"
 #include "search/session.h"
 
 // The C names of the engine's functions. Each forwards; nothing but results and records crosses the
-// border.
+// border: what may run out of memory does so behind it.
+
+using korvex::at_border;
+
+namespace {
+
+std::uint32_t add_with_label(hnsw_s* index, const float* vector, std::uint64_t label) {
+  const std::uint32_t before = korvex::load_counter(index->added);
+  const std::uint32_t id = korvex::korvex_add(index, vector, label);
+  // 0 is the first id, and a failure unless the first vector was added just now.
+  const bool added = id != 0 || (before == 0 && korvex::load_counter(index->added) != 0);
+  if (added && index->runtime->labels) korvex::korvex_set_label(index, id, label);
+  return id;
+}
+
+void fill_stats(const hnsw_s* index, korvex_stats_s* stats) {
+  const korvex::index_statistics counted = korvex::collect_statistics(index);
+  korvex_stats_s full{};
+  full.size = std::min<uint32_t>(stats->size, sizeof full);
+  full.dimension = index->dimension;
+  full.added = counted.added;
+  full.deleted = counted.deleted;
+  full.duplicates = counted.duplicates;
+  full.unlinked = counted.unlinked;
+  full.probes = index->pattern_probes;
+  full.constellation = index->neighbour_capacity / 2;
+  full.memory_bytes = counted.memory_bytes;
+  full.disk_bytes = counted.disk_bytes;
+  full.kernels = korvex::chosen_kernels();
+  std::memcpy(stats, &full, full.size);
+}
+
+}  // namespace
 
 extern "C" {
 
 hnsw_s* korvex_init(uint32_t dimension, uint8_t instance_id, const char* base_path,
-                    const char* name) try {
-  return korvex::korvex_init(dimension, instance_id, base_path, name);
-} catch (const std::exception& error) {
-  KORVEX_LOG_CRITICAL("the index could not be created: %s\n", error.what());
-  return nullptr;
+                    const char* name) {
+  return at_border("korvex_init", static_cast<hnsw_s*>(nullptr),
+                   [&] { return korvex::korvex_init(dimension, instance_id, base_path, name); });
 }
 
 void korvex_free(hnsw_s* index) {
-  korvex::korvex_free(index);
+  at_border("korvex_free", [&] { korvex::korvex_free(index); });
 }
 
 int korvex_init_memory(hnsw_s* index) {
@@ -78,7 +108,7 @@ void korvex_set_numa_node(hnsw_s* index, int node) {
   korvex::korvex_set_numa_node(index, node);
 }
 void korvex_set_distance_type(hnsw_s* index, int type) {
-  korvex::korvex_set_distance_type(index, type);
+  at_border("korvex_set_distance_type", [&] { korvex::korvex_set_distance_type(index, type); });
 }
 void korvex_set_normalize(hnsw_s* index, int normalize) {
   korvex::korvex_set_normalize(index, normalize);
@@ -93,7 +123,7 @@ void korvex_set_duplicate_threshold(hnsw_s* index, int mode, float threshold, in
   korvex::korvex_set_duplicate_threshold(index, mode, threshold, option);
 }
 void korvex_enable_index_check(hnsw_s* index, int enable) {
-  korvex::korvex_enable_index_check(index, enable);
+  at_border("korvex_enable_index_check", [&] { korvex::korvex_enable_index_check(index, enable); });
 }
 int korvex_destroy_disk_index(hnsw_s* index, int destroy) {
   return korvex::korvex_destroy_disk_index(index, destroy);
@@ -108,33 +138,24 @@ int korvex_set_result_cache(hnsw_s* index, int mode) {
   return korvex::korvex_set_result_cache(index, mode);
 }
 
-uint32_t korvex_add(hnsw_s* index, const float* vector, uint64_t label) try {
+uint32_t korvex_add(hnsw_s* index, const float* vector, uint64_t label) {
   if (index == nullptr || vector == nullptr) return 0;
-  const uint32_t before = korvex::load_counter(index->added);
-  const uint32_t id = korvex::korvex_add(index, vector, label);
-  // 0 is the first id, and a failure unless the first vector was added just now.
-  const bool added = id != 0 || (before == 0 && korvex::load_counter(index->added) != 0);
-  if (added && index->runtime->labels) korvex::korvex_set_label(index, id, label);
-  return id;
-} catch (const std::exception& error) {
-  KORVEX_LOG_CRITICAL("a vector could not be added: %s\n", error.what());
-  return 0;
+  return at_border("korvex_add", uint32_t{0}, [&] { return add_with_label(index, vector, label); });
 }
 
 void korvex_add_multiple(hnsw_s* index, const float* vectors, int count, uint32_t* first,
-                         uint32_t* last) try {
-  uint32_t ignored = 0;
-  korvex::korvex_add_multiple(index, vectors, count, first != nullptr ? first : &ignored,
-                              last != nullptr ? last : &ignored);
-} catch (const std::exception& error) {
-  KORVEX_LOG_CRITICAL("vectors could not be added: %s\n", error.what());
+                         uint32_t* last) {
+  if (first != nullptr) *first = 0;
+  if (last != nullptr) *last = 0;
+  at_border("korvex_add_multiple",
+            [&] { korvex::korvex_add_multiple(index, vectors, count, first, last); });
 }
 
 int korvex_has_finish_adding(hnsw_s* index) {
   return korvex::korvex_has_finish_adding(index);
 }
 void korvex_wait_finish_adding(hnsw_s* index) {
-  korvex::korvex_wait_finish_adding(index);
+  at_border("korvex_wait_finish_adding", [&] { korvex::korvex_wait_finish_adding(index); });
 }
 int korvex_delete(hnsw_s* index, uint32_t id, int undelete) {
   return korvex::korvex_delete(index, id, undelete);
@@ -168,25 +189,15 @@ int korvex_get_vector(hnsw_s* index, uint32_t id, float* out) {
 
 int korvex_get_stats(hnsw_s* index, korvex_stats_s* stats) {
   if (index == nullptr || stats == nullptr || stats->size < sizeof stats->size) return -1;
-  const korvex::index_statistics counted = korvex::collect_statistics(index);
-  korvex_stats_s full{};
-  full.size = std::min<uint32_t>(stats->size, sizeof full);
-  full.dimension = index->dimension;
-  full.added = counted.added;
-  full.deleted = counted.deleted;
-  full.duplicates = counted.duplicates;
-  full.unlinked = counted.unlinked;
-  full.probes = index->pattern_probes;
-  full.constellation = index->neighbour_capacity / 2;
-  full.memory_bytes = counted.memory_bytes;
-  full.disk_bytes = counted.disk_bytes;
-  full.kernels = korvex::chosen_kernels();
-  std::memcpy(stats, &full, full.size);
-  return 0;
+  return at_border("korvex_get_stats", -1, [&] {
+    fill_stats(index, stats);
+    return 0;
+  });
 }
 
 uint32_t korvex_search_init(hnsw_s* index, int k, void* user_data) {
-  return korvex::korvex_search_init(index, k, user_data);
+  return at_border("korvex_search_init", uint32_t{0},
+                   [&] { return korvex::korvex_search_init(index, k, user_data); });
 }
 void korvex_search_free(hnsw_s* index, uint32_t sid) {
   korvex::korvex_search_free(index, sid);
@@ -202,29 +213,36 @@ void korvex_search_set_cbdata(hnsw_s* index, uint32_t sid, const void* data) {
   korvex::korvex_search_set_cbdata(index, sid, data);
 }
 uint32_t korvex_search(hnsw_s* index, uint32_t sid, const float* query, int radius, int k) {
-  return korvex::korvex_search(index, sid, query, radius, k);
+  return at_border("korvex_search", uint32_t{KORVEX_FAILED},
+                   [&] { return korvex::korvex_search(index, sid, query, radius, k); });
 }
 uint32_t korvex_search_more(hnsw_s* index, uint32_t sid) {
-  return korvex::korvex_search_more(index, sid);
+  return at_border("korvex_search_more", uint32_t{KORVEX_FAILED},
+                   [&] { return korvex::korvex_search_more(index, sid); });
 }
 uint32_t korvex_search_refine(hnsw_s* index, uint32_t sid) {
-  return korvex::korvex_search_refine(index, sid);
+  return at_border("korvex_search_refine", uint32_t{KORVEX_FAILED},
+                   [&] { return korvex::korvex_search_refine(index, sid); });
 }
 uint32_t korvex_search_filter(hnsw_s* index, uint32_t sid, uint32_t id) {
-  return korvex::korvex_search_filter(index, sid, id);
+  return at_border("korvex_search_filter", uint32_t{KORVEX_FAILED},
+                   [&] { return korvex::korvex_search_filter(index, sid, id); });
 }
 int korvex_search_refine_vector(hnsw_s* index, uint32_t sid, const float* vector,
                                 const void* attributes) {
   return korvex::korvex_search_refine_vector(index, sid, vector, attributes);
 }
 korvex_results_s* korvex_search_result(hnsw_s* index, uint32_t sid, int copy) {
-  return korvex::korvex_search_result(index, sid, copy);
+  return at_border("korvex_search_result", static_cast<korvex_results_s*>(nullptr),
+                   [&] { return korvex::korvex_search_result(index, sid, copy); });
 }
 korvex_result_ids_s* korvex_search_result_ids(hnsw_s* index, uint32_t sid, int copy) {
-  return korvex::korvex_search_result_ids(index, sid, copy);
+  return at_border("korvex_search_result_ids", static_cast<korvex_result_ids_s*>(nullptr),
+                   [&] { return korvex::korvex_search_result_ids(index, sid, copy); });
 }
 korvex_result_dists_s* korvex_search_result_dists(hnsw_s* index, uint32_t sid, int copy) {
-  return korvex::korvex_search_result_dists(index, sid, copy);
+  return at_border("korvex_search_result_dists", static_cast<korvex_result_dists_s*>(nullptr),
+                   [&] { return korvex::korvex_search_result_dists(index, sid, copy); });
 }
 
 int64_t korvex_search_direct(hnsw_s* index, const float* queries, size_t n, int k,
@@ -236,7 +254,9 @@ int64_t korvex_search_direct(hnsw_s* index, const float* queries, size_t n, int 
   const korvex::direct_options chosen{
       given.radius,        given.filter,       given.filter_context,    given.allowed_ids,
       given.allowed_count, given.allowed_bits, given.allowed_bit_count, given.deadline_ms};
-  return korvex::korvex_search_direct(index, queries, n, k, &chosen, ids, distances, counts);
+  return at_border("korvex_search_direct", int64_t{-1}, [&] {
+    return korvex::korvex_search_direct(index, queries, n, k, &chosen, ids, distances, counts);
+  });
 }
 
 }  // extern "C"

@@ -49,6 +49,7 @@ float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored,
 }  // namespace
 
 float korvex_get_distance_internal(hnsw_s* hnsw, std::uint32_t id, const float* v) {
+  if (hnsw == nullptr) return largest_float;
   const float* const stored = is_started(hnsw) ? vector_of(*hnsw->runtime, id) : nullptr;
   return stored == nullptr || v == nullptr ? missing(hnsw, id) : raw_distance(hnsw, stored, v);
 }

@@ -29,6 +29,7 @@ thread_local const korvex_runtime_s* indexing_for = nullptr;
 struct claimed_point {
   std::uint32_t id = 0;
   handover_s handover{};
+  bool relinked = false;  // its first linking was cut off by a crash
 };
 
 bool stopping(const hnsw_s* hnsw) {
@@ -158,7 +159,7 @@ class point_linking {
       nearest_key_ = tools_.search(point.id, entry);
       if (stopping(hnsw_)) return;
       const bool repeats = tools_.duplicate_of() != 0 && point.id > runtime_.probe_count;
-      if (!repeats || !leave_unlinked(point.id)) tools_.connect(point.id);
+      if (!repeats || !leave_unlinked(point)) tools_.connect(point.id);
       if (stopping(hnsw_)) return;
     }
     if (!has_neighbours(runtime_, point.id)) {
@@ -175,9 +176,13 @@ class point_linking {
   // Of a point and its copies one stays visible. The original is marked by now: the mark moves to
   // the copy, which is not linked then; inline linking, and a copy of a deleted point, leave it. An
   // original that had been hidden before has somebody else to stand for both.
-  bool leave_unlinked(std::uint32_t id) {
+  bool leave_unlinked(const claimed_point& point) {
+    const std::uint32_t id = point.id;
     const std::uint32_t original = tools_.duplicate_of();
     const bool hidden = tools_.duplicate_was_hidden();
+    // The crash may have come between marking the original and moving the mark: nobody else is
+    // sure to stand for both.
+    if (hidden && point.relinked) return false;
     const bool deleted = korvex_is_flag_set_internal(hnsw_, original, flag_deleted) != 0;
     if (!hidden && (links_duplicates_ || deleted)) return false;
     set_flags(runtime_, id, flag_duplicate);
@@ -219,7 +224,7 @@ class indexing_thread {
       if (needs_no_linking(hnsw_, point)) {
         if (point.handover.marker == unlinkable_marker) settle(point.id);
         count_networked(hnsw_);
-      } else if (!defer(point)) {
+      } else if (point.relinked || !defer(point)) {
         linking.link(point);
       }
       finish(point.id);
@@ -316,11 +321,12 @@ class indexing_thread {
     if (runtime_.relink.empty()) return false;
     const handover_s waiting = runtime_.relink.front();
     runtime_.relink.pop_front();
-    *point = {waiting.star, {0, waiting.entry, 0, 0}};
+    *point = {waiting.star, {0, waiting.entry, 0, 0}, true};
     return true;
   }
 
   bool claim(claimed_point* point) {
+    if (runtime_.indexing_threads == 0) return false;  // additions link what is new
     const std::uint32_t taken = hnsw_->taken;
     if (taken == std::atomic_ref(hnsw_->added).load()) return false;
     std::atomic_ref(hnsw_->taken).store(taken + 1);
@@ -490,7 +496,11 @@ void korvex_wait_finish_adding(hnsw_s* hnsw) {
   if (hnsw == nullptr || !is_started(hnsw)) return;
   korvex_runtime_s& runtime = *hnsw->runtime;
   const std::uint32_t last = load_counter(hnsw->added);
-  if (runtime.indexing_threads == 0 || indexing_for == &runtime || linked_up_to(hnsw, last)) return;
+  if (indexing_for == &runtime || linked_up_to(hnsw, last)) return;
+  if (runtime.indexing_threads == 0) {
+    link_on_caller(hnsw);  // what a crash had cut off
+    return;
+  }
   KORVEX_LOG("completed %u total %u\n", load_counter(hnsw->networked), load_counter(hnsw->added));
   runtime.stop_adding.store(1);
   progress_estimate estimate(hnsw);

@@ -34,6 +34,13 @@ std::uint32_t equalise_stores(korvex_runtime_s& runtime) {
   return longest;
 }
 
+// Whether every store has exactly `size` records; one of their files may have been lost.
+bool stores_hold(const korvex_runtime_s& runtime, std::uint32_t size) {
+  return std::all_of(
+      std::begin(runtime.store), std::end(runtime.store),
+      [size](const vectpool_c* store) { return store == nullptr || store->size() == size; });
+}
+
 bool linked_or_exempt(const hnsw_s* hnsw, std::uint32_t id) {
   const korvex_runtime_s& runtime = *hnsw->runtime;
   if (graph_of(runtime, id).slot(0) != 0 || is_seed(hnsw, id)) return true;
@@ -75,7 +82,7 @@ void queue_unlinked(hnsw_s* hnsw, std::uint32_t size) {
 void korvex_repair(hnsw_s* hnsw) {
   if (hnsw->shape_valid == 0) return;
   korvex_runtime_s& runtime = *hnsw->runtime;
-  if (hnsw->clean_close != 0 && hnsw->added + 1 == runtime.store[vector_store]->size() &&
+  if (hnsw->clean_close != 0 && stores_hold(runtime, hnsw->added + 1) &&
       hnsw->networked == hnsw->added && hnsw->taken == hnsw->added)
     return;
   const std::uint32_t size = equalise_stores(runtime);

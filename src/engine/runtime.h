@@ -123,7 +123,7 @@ struct korvex_runtime_s {
   std::atomic<int (*)(void*, std::uint32_t, std::uint32_t)> ready_callback{nullptr};
 
   // Of the search layer.
-  std::mutex search_mutex;  // guards the callbacks of sessions, their stores' exchange, and:
+  std::mutex search_mutex;                 // guards the callbacks and views of sessions, and:
   std::vector<void*> session_attachments;  // one for every session record that was ever handed out
   std::uint32_t vector_slot = 0;           // bytes a query takes in a session record
   std::mutex scratch_lock;                 // guards:

@@ -22,10 +22,13 @@ constexpr int thread_slot_count = 32;
 constexpr int wait_rounds = 11;
 constexpr std::uint64_t wait_usec = 10'000;
 
-int active_workers(const hnsw_s* hnsw) {
-  return hnsw->search_queue == nullptr
-             ? 0
-             : static_cast<int>(jobq_thread_count_active(hnsw->search_queue));
+// Null before the first session; one may be in the making on another thread.
+jobq_s* search_queue_of(hnsw_s* hnsw) {
+  return std::atomic_ref(hnsw->search_queue).load(std::memory_order_acquire);
+}
+
+int active_workers(hnsw_s* hnsw) {
+  return static_cast<int>(jobq_thread_count_active(search_queue_of(hnsw)));
 }
 
 int active_indexers(const hnsw_s* hnsw) {
@@ -33,7 +36,7 @@ int active_indexers(const hnsw_s* hnsw) {
 }
 
 // Ends when either kind of thread has gone. The time that is left of the bound, in rounds.
-int wait_for_threads(const hnsw_s* hnsw) {
+int wait_for_threads(hnsw_s* hnsw) {
   for (int round = 0; round < wait_rounds; ++round) {
     const int workers = active_workers(hnsw);
     const int indexers = active_indexers(hnsw);
@@ -69,8 +72,8 @@ void korvex_free(hnsw_s* hnsw) {
   std::atomic_ref(hnsw->stop_searching).store(1);
   std::atomic_ref(hnsw->stop_indexing).store(1);
   cond_broadcast(&runtime->add_cond);
-  if (hnsw->search_queue != nullptr) {
-    jobq_trigger(hnsw->search_queue, 1);
+  if (jobq_s* const queue = search_queue_of(hnsw)) {
+    jobq_trigger(queue, 1);
     runtime->search.cancel_queued(hnsw);
   }
   int rounds_left = wait_for_threads(hnsw);

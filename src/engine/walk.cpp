@@ -64,13 +64,14 @@ class graph_walk {
     if (stopping()) return false;
     trim();
     update_bound();
-    graph_record graph;
-    const std::uint32_t position = pick(&graph);
-    if (position == beam_.size()) return false;
-    if (shared_ != nullptr && bound_ < beam_[position].key) {
-      beam_[position].marks |= walk_beam::expanded;
+    const std::uint32_t first = beam_.first_unexpanded();
+    if (first == beam_.size()) return false;
+    if (shared_ != nullptr && bound_ < beam_[first].key) {
+      beam_[first].marks |= walk_beam::expanded;
       return false;
     }
+    graph_record graph;
+    const std::uint32_t position = pick(first, &graph);
     if (!graph || !expand(position, graph)) return false;
     if (!filled_ && beam_.size() >= beam_size_) first_fill();
     return true;
@@ -152,11 +153,9 @@ class graph_walk {
     if (current < bound_) bound_ = current;
   }
 
-  // The first unexpanded candidate; one without neighbours is passed over while others have some.
-  // The beam's size when none is left. *graph is empty when the record is missing.
-  std::uint32_t pick(graph_record* graph) {
-    const std::uint32_t first = beam_.first_unexpanded();
-    if (first == beam_.size()) return first;
+  // The candidate to expand: the first unexpanded one, or one behind it when that has no neighbours
+  // yet and others have some. *graph is empty when the record is missing.
+  std::uint32_t pick(std::uint32_t first, graph_record* graph) const {
     *graph = graph_at(beam_[first].id);
     if (!*graph || graph->slot(0) != 0) return first;
     if (beam_.size() < 2 || report_.evaluations >= pass_over_evaluations) return first;
@@ -241,8 +240,9 @@ class graph_walk {
                           beam_.back().id, static_cast<int>(beam_.size()));
       return false;
     }
-    prefetch_range(vector_get(graphs_, id),
-                   static_cast<std::uint32_t>((neighbour_count_ + 1) * sizeof(std::uint32_t)));
+    if (id < vector_count(graphs_))
+      prefetch_range(vector_get(graphs_, id),
+                     static_cast<std::uint32_t>((neighbour_count_ + 1) * sizeof(std::uint32_t)));
     return key >= best_ || improve(key);
   }
 

@@ -87,16 +87,24 @@ bool at_limit(const jobq_s* queue) {
                            static_cast<std::int64_t>(limit);
 }
 
-// With the lock held on entry and on return. The latch is cleared while the queue is known to be
-// full: whoever takes a job after the lock was released sets it again, so the wait cannot miss it.
+// With the queue's lock held on entry and on return. The record's mutex is taken before that lock
+// goes, so no signal falls in between. One wait whatever the latch says: it stays set after the
+// first signal, and another waiter that cleared it could take this one's wake-up away.
+void sleep_on(jobq_s* queue, cond_var_s* record, int timeout_ms) {
+  {
+    mutex_guard guard(&record->mutex);
+    mutex_unlock(&queue->lock);
+    if (timeout_ms == 0)
+      cond_wait_locked(record);
+    else
+      cond_wait_timeout_locked(record, static_cast<std::uint64_t>(timeout_ms));
+  }
+  mutex_lock(&queue->lock);
+}
+
 void wait_for_space_locked(jobq_s* queue) {
   queue->blocked_producers.fetch_add(1);
-  while (!queue->closed && at_limit(queue)) {
-    cond_reset(&queue->space_available);
-    mutex_unlock(&queue->lock);
-    cond_wait_for_done(&queue->space_available);
-    mutex_lock(&queue->lock);
-  }
+  while (!queue->closed && at_limit(queue)) sleep_on(queue, &queue->space_available, 0);
   queue->blocked_producers.fetch_sub(1);
 }
 
@@ -107,18 +115,10 @@ bool trigger_pending_locked(jobq_s* queue) {
   return true;
 }
 
-// Called with the lock held and an empty list; returns without the lock. Clearing the latch here,
-// under the lock, keeps idle workers asleep: jobs and triggers that come after it set the latch
-// again.
+// Called with the lock held and an empty list; returns without the lock.
 jobs_s* wait_for_job_locked(jobq_s* queue, int timeout_ms) {
   queue->waiting.fetch_add(1);
-  cond_reset(&queue->work_available);
-  mutex_unlock(&queue->lock);
-  if (timeout_ms == 0)
-    cond_wait_for_done(&queue->work_available);
-  else
-    cond_wait_timeout(&queue->work_available, static_cast<std::uint64_t>(timeout_ms));
-  mutex_lock(&queue->lock);
+  sleep_on(queue, &queue->work_available, timeout_ms);
   trigger_pending_locked(queue);
   queue->waiting.fetch_sub(1);
   jobs_s* job = queue->closed ? nullptr : unlink_locked(queue);
@@ -174,7 +174,6 @@ int jobq_add(jobq_s* queue, jobs_s* job, int priority) {
     }
   }
   link_locked(queue, job, priority);
-  // Also when the worker is only about to wait: the latch stays set for it.
   if (queue->threads_configured && queue->waiting.load() > 0) cond_signal(&queue->work_available);
   mutex_unlock(&queue->lock);
   return 0;

@@ -91,9 +91,10 @@ struct sequence_gap {
     if (sequence == last + 1) return;
     std::FILE* const output = log_fp();
     if (output == nullptr) return;
-    std::fprintf(output, "out of sequence: seq %u last %u dropped %u last dropped %u diff %u entries %zd\n",
-                sequence, last, dropped, last_dropped, dropped - last_dropped,
-                static_cast<ssize_t>(entries));
+    std::fprintf(output,
+                 "out of sequence: seq %u last %u dropped %u last dropped %u diff %u entries %zd\n",
+                 sequence, last, dropped, last_dropped, dropped - last_dropped,
+                 static_cast<ssize_t>(entries));
     std::fflush(output);
   }
 };

@@ -32,17 +32,12 @@ struct cached_stream {
 pthread_mutex_t g_streams_lock = PTHREAD_MUTEX_INITIALIZER;
 cached_stream* g_streams = nullptr;  // guarded by g_streams_lock
 
-std::FILE* find_stream(int fd) {
+// Null when there is none; `open` makes one.
+std::FILE* stream_of(int fd, bool open) {
   mutex_guard guard(&g_streams_lock);
   for (const cached_stream* at = g_streams; at != nullptr; at = at->next)
     if (at->fd == fd) return at->stream;
-  return nullptr;
-}
-
-std::FILE* open_stream(int fd) {
-  std::FILE* stream = find_stream(fd);
-  if (stream != nullptr) return stream;
-  mutex_guard guard(&g_streams_lock);
+  if (!open) return nullptr;
   auto* entry = new (std::nothrow) cached_stream{fd, nullptr, g_streams};
   if (entry == nullptr) return nullptr;
   entry->stream = ::fdopen(fd, "w");
@@ -84,7 +79,10 @@ int log_setpath(const char* path) {
     return 0;
   }
   const int fd = platform::open_file(path, platform::open_mode::append);
-  if (fd <= 0) return 0;
+  if (fd <= 0) {
+    platform::close_file(fd);  // number 0, free when the host closed its input, means no output
+    return 0;
+  }
   g_path_fd.store(fd);
   return fd;
 }
@@ -93,7 +91,7 @@ std::FILE* log_fp() {
   const int fd = g_fd.load();
   if (fd <= 0) return nullptr;
   if (fd <= 2) return fd == 1 ? stdout : stderr;
-  return open_stream(fd);
+  return stream_of(fd, true);
 }
 
 int log_fd() {
@@ -106,7 +104,7 @@ int log_flush() {
   bool failed = false;
   if (fd == 1 || fd == 2) failed = std::fflush(fd == 1 ? stdout : stderr) != 0;
   if (fd > 2) {
-    std::FILE* stream = find_stream(fd);
+    std::FILE* const stream = stream_of(fd, false);
     if (stream != nullptr) failed = std::fflush(stream) != 0;
     failed |= platform::sync_file(fd) != 0;
   }

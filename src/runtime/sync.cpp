@@ -1,5 +1,6 @@
 #include "runtime/sync.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -14,6 +15,9 @@ namespace {
 static_assert(std::is_trivially_copyable_v<cond_var_s>,
               "records that hold one are cleared with memset");
 
+// About 30 years: the nanoseconds since 1970 stay far from overflow.
+constexpr std::uint64_t k_longest_lock_ms = 1'000'000'000'000;
+
 std::atomic_ref<std::uint32_t> flag(cond_var_s* cond) {
   return std::atomic_ref<std::uint32_t>(cond->signalled);
 }
@@ -26,7 +30,8 @@ std::atomic_ref<std::uint32_t> waiter_count(cond_var_s* cond) {
 // stretch a deadline after the clock was put back.
 timespec realtime_deadline(std::uint64_t ms) {
   using namespace std::chrono;
-  const auto at = system_clock::now().time_since_epoch() + milliseconds(ms);
+  const auto at =
+      system_clock::now().time_since_epoch() + milliseconds(std::min(ms, k_longest_lock_ms));
   const auto whole = duration_cast<seconds>(at);
   timespec deadline{};
   deadline.tv_sec = static_cast<std::time_t>(whole.count());

@@ -77,6 +77,7 @@ korvex_result_ids_s* korvex_search_result_ids(hnsw_s* hnsw, std::uint32_t sid, i
   if (view.owned != 0) std::free(view.ids);
   view = {final.count, 1, copy != 0 ? 1u : 0u,
           copy != 0 ? copied(final.ids, final.count) : final.ids};
+  if (view.ids == nullptr) view.count = 0;
   return &view;
 }
 
@@ -90,6 +91,7 @@ korvex_result_dists_s* korvex_search_result_dists(hnsw_s* hnsw, std::uint32_t si
   if (view.owned != 0) std::free(view.distances);
   view = {final.count, copy != 0 ? 1u : 0u,
           copy != 0 ? copied(final.distances, final.count) : final.distances};
+  if (view.distances == nullptr) view.count = 0;
   return &view;
 }
 

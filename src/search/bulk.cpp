@@ -194,13 +194,13 @@ int korvex_bulk_search_callback(unsigned sid, const void* data) {
   return 0;
 }
 
-korvex_bulk_results_s* korvex_bulk_search_results(hnsw_s* hnsw, korvex_bulk_search_s* bulk) {
+korvex_bulk_results_s* korvex_bulk_search_results(hnsw_s*, korvex_bulk_search_s* bulk) {
   if (bulk == nullptr) {
     KORVEX_LOG("null bulk search detected\n");
     return nullptr;
   }
   if (!bulk->initialised) return &bulk->view;
-  wait_until_done(hnsw, bulk);
+  wait_until_done(bulk->index, bulk);
   bulk->view = {bulk->k, bulk->query_count, 1, bulk->output};
   return &bulk->view;
 }

@@ -112,12 +112,16 @@ class selection {
     return asked + share_ * points_ <= evaluations_per_candidate * widened(ef);
   }
 
+  // `seen` is scratch: a list may name an id twice.
   template <typename F>
-  void for_each_allowed(F&& visit) const {
+  void for_each_allowed(bitstore_s* seen, F&& visit) const {
     if (options_.allowed_ids != nullptr) {
-      for (std::size_t i = 0; i < options_.allowed_count; ++i)
-        if (options_.allowed_ids[i] < points_ && allows(options_.allowed_ids[i] + 1))
-          visit(options_.allowed_ids[i] + 1);
+      bitstore_reset(seen);
+      for (std::size_t i = 0; i < options_.allowed_count; ++i) {
+        const std::uint32_t public_id = options_.allowed_ids[i];
+        if (public_id < points_ && bitstore_set(seen, public_id) == 0 && allows(public_id + 1))
+          visit(public_id + 1);
+      }
       return;
     }
     for (std::uint32_t id = 1; id <= points_; ++id)
@@ -237,7 +241,7 @@ class direct_query {
              batch[i]);
       count = 0;
     };
-    allowed_.for_each_allowed([&](std::uint32_t id) {
+    allowed_.for_each_allowed(scratch_.visited.get(), [&](std::uint32_t id) {
       if (hidden(id)) return;
       const char* const vector = reinterpret_cast<const char*>(vector_of(runtime_, id));
       for (std::uint32_t offset = 0; offset < std::min<std::uint32_t>(runtime_.vector_bytes, 1024);

@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include "engine/runtime.h"
 #include "engine/teardown.h"
@@ -102,7 +103,7 @@ void fill_tie_list(korvex_search_ctx_s* session) {
   if (final.count == 0) return;
   std::uint32_t first = final.count - 1;
   while (first > 0 && final.distances[first - 1] == final.distances[final.count - 1]) --first;
-  if (first == 0 && final.count > 1) return;
+  if (first == 0) return;
   while (session->tie_count < max_ties && first < final.count)
     session->ties[session->tie_count++] = final.ids[first++];
 }
@@ -177,13 +178,18 @@ void complete_job(korvex_search_ctx_s* session, bool cancelled) {
 }
 
 void cancel_queued_searches(hnsw_s* hnsw) {
+  // The end of a query queues the next one of its batch: the outermost call takes that up as well.
+  thread_local const hnsw_s* cancelling = nullptr;
+  if (cancelling == hnsw) return;
+  const hnsw_s* const outer = std::exchange(cancelling, hnsw);
   while (jobs_s* const head = jobq_try_get(hnsw->search_queue)) {
     auto* const job = reinterpret_cast<search_job*>(head);
     result_slice& slice = session_results(job->session)->slices[job->probe];
     slice.primary.count = 0;
     slice.secondary.count = 0;
-    complete_job(job->session, true);
+    complete_job(job->session, stopping(hnsw));
   }
+  cancelling = outer;
 }
 
 bool on_search_worker(const hnsw_s* hnsw) {
@@ -216,12 +222,15 @@ void* korvex_search_thread(void* argument) {
   jobq_thread_init(queue, &record);
   jobq_enter_worker(queue);
   bool retired = false;
+  bool usable = false;
   {
     search_worker worker(hnsw);
+    usable = worker.ready();
+    if (!usable) KORVEX_LOG_CRITICAL("no memory for a search thread\n");
     current_worker = &worker;
     thread_set_self_priority(worker_priority);
     const int slot = korvex_get_thread_index(hnsw);
-    while (worker.ready() && !stopping(hnsw) && !retired) {
+    while (usable && !stopping(hnsw) && !retired) {
       jobs_s* const head = jobq_get(queue, job_wait_ms);
       if (head == nullptr) {
         retired = jobq_thread_should_exit(queue, &record) != 0;
@@ -233,7 +242,9 @@ void* korvex_search_thread(void* argument) {
     current_worker = nullptr;
   }
   if (!retired) jobq_thread_left(queue);
-  if (stopping(hnsw)) cancel_queued_searches(hnsw);
+  // Without memory and with no other worker left, nobody would ever take what is queued.
+  if (stopping(hnsw) || (!usable && jobq_thread_count_active(queue) == 0))
+    cancel_queued_searches(hnsw);
   jobq_enter_worker(nullptr);
   runtime_release_use(runtime);
   return nullptr;

@@ -4,14 +4,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <shared_mutex>
 
-#include "runtime/log.h"
 #include "runtime/platform/clock.h"
 #include "storage/hash_table.h"
 
@@ -129,6 +127,15 @@ std::uint64_t next_stamp() {
   return stamp;
 }
 
+void mark_invalidated() {
+  const std::uint64_t now = next_stamp();
+  std::atomic_ref<std::uint64_t> word(control->invalidated_at);
+  std::uint64_t before = word.load(std::memory_order_relaxed);
+  // Never backward: two invalidations may pass one another here.
+  while (before < now && !word.compare_exchange_weak(before, now, std::memory_order_acq_rel)) {
+  }
+}
+
 bool lock_entry(cache_entry_s* entry) {
   std::uint64_t first_try_ns = 0;
   for (std::uint64_t pause_usec = 100;; pause_usec += pause_usec <= 999 ? 100 : 0) {
@@ -189,29 +196,16 @@ int grade(const entry_head& head, const cache_keys_s& keys, std::uint16_t ef) {
   return head.near_key == keys.near ? 1 : 2;
 }
 
-bool all_whole_parts_zero(const float* vector, std::uint32_t dimension) {
-  return std::all_of(vector, vector + dimension, [](float v) { return std::fabs(v) < 1; });
-}
-
-void advise_once(const float* query, std::uint32_t dimension) {
-  static std::atomic<bool> advised{false};
-  if (advised.load(std::memory_order_relaxed) || !all_whole_parts_zero(query, dimension)) return;
-  if (advised.exchange(true, std::memory_order_relaxed)) return;
-  KORVEX_LOG(
-      "Result cache: a query with all components in (-1, 1) was answered from the cache, which "
-      "sees only their whole parts. Scale vectors and queries (10,000 keeps the order of "
-      "results) or call korvex_set_result_cache with mode 2 or 0\n");
-}
-
 void write_entry(cache_entry_s* entry, const cache_keys_s& keys, std::uint16_t ef,
-                 std::uint32_t walk_usec, const std::uint32_t* ids, std::uint32_t count) {
+                 std::uint32_t walk_usec, const std::uint32_t* ids, std::uint32_t count,
+                 std::uint64_t stamp) {
   const std::uint32_t kept = std::min(count, cache_max_ids);
   std::copy_n(ids, kept, entry->ids);
   entry->ef = ef;
   entry->walk_usec = walk_usec;
   entry->exact_key = keys.exact;
   entry->near_key = keys.near;
-  entry->stored_at = next_stamp();
+  entry->stored_at = stamp;
   store_count(entry, kept);
 }
 
@@ -288,12 +282,10 @@ void cache_search_destroy() {
 void cache_search_invalidate() {
   const shared_door shared;
   if (control == nullptr) return;
-  const std::uint64_t now = next_stamp();
-  std::atomic_ref<std::uint64_t> word(control->invalidated_at);
-  std::uint64_t before = word.load(std::memory_order_relaxed);
-  // Never backward: two invalidations may pass one another here.
-  while (before < now && !word.compare_exchange_weak(before, now, std::memory_order_acq_rel)) {
-  }
+  // Twice: a store that did not see the first mark yet may carry a later stamp than that mark, but
+  // not than the second.
+  mark_invalidated();
+  mark_invalidated();
 }
 
 std::uint64_t cache_search_time() {
@@ -306,19 +298,14 @@ int cache_search_results_get(const float* query, std::uint32_t dimension, std::u
   if (query == nullptr || result == nullptr || result->ids == nullptr) return -1;
   const std::uint32_t room =
       result->capacity != 0 ? std::min(result->capacity, capacity) : capacity;
-  int answer = -1;
-  {
-    const shared_door shared;
-    cache_keys_s keys;
-    if (control == nullptr || cache_vector_to_key(query, dimension, partition, &keys, mode) != 0)
-      return -1;
-    cache_entry_s* entry = entry_for(keys);
-    entry_head head{};
-    if (entry == nullptr || !read_entry(entry, result, room, &head)) return -1;
-    answer = grade(head, keys, ef);
-  }
-  if (answer == 0 && mode == cache_key_mode::whole_parts) advise_once(query, dimension);
-  return answer;
+  const shared_door shared;
+  cache_keys_s keys;
+  if (control == nullptr || cache_vector_to_key(query, dimension, partition, &keys, mode) != 0)
+    return -1;
+  cache_entry_s* entry = entry_for(keys);
+  entry_head head{};
+  if (entry == nullptr || !read_entry(entry, result, room, &head)) return -1;
+  return grade(head, keys, ef);
 }
 
 int cache_search_results_set(const float* query, std::uint32_t dimension, std::uint16_t ef,
@@ -334,10 +321,13 @@ int cache_search_results_set(const float* query, std::uint32_t dimension, std::u
       return -1;
     cache_entry_s* entry = entry_for(keys);
     if (entry == nullptr || !lock_entry(entry)) return -1;
+    // Before the mark is read: an invalidation that comes later makes this entry old.
+    const std::uint64_t stamp = next_stamp();
     const std::uint64_t invalidated = invalidated_at();
     // A fresh entry of another query with the same table key is kept too.
     const bool keep = entry->ef >= ef && entry->stored_at > invalidated;
-    if (!keep && invalidated <= walk_start) write_entry(entry, keys, ef, walk_usec, ids, count);
+    if (!keep && invalidated <= walk_start)
+      write_entry(entry, keys, ef, walk_usec, ids, count, stamp);
     unlock_entry(entry);
     full = pers_hash_table_entry_count(control->table) > most_entries;
   }

@@ -296,7 +296,7 @@ std::uint32_t korvex_search_filter(hnsw_s* hnsw, std::uint32_t sid, std::uint32_
   if (session == nullptr || id == std::numeric_limits<std::uint32_t>::max()) return search_failed;
   session_attachment& attachment = *session->attachment;
   std::lock_guard lock(attachment.lock);
-  return attachment.excluded.add(id + 1, 2 * std::max(session->k, 10u)) ? 0 : search_failed;
+  return attachment.excluded.add(id + 1, 2 * default_k) ? 0 : search_failed;
 }
 
 int korvex_search_refine_vector(hnsw_s*, std::uint32_t, const float*, const void*) {

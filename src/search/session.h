@@ -16,6 +16,7 @@ inline constexpr std::uint32_t search_failed = 0xFFFFFFFFu;
 
 struct korvex_search_ctx_s;
 
+// Called from several search threads at once, without a lock.
 using search_filter_callback = int (*)(const void* data, unsigned id, unsigned long long label);
 using search_result_callback = int (*)(unsigned sid, const void* data);
 

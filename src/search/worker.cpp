@@ -156,8 +156,7 @@ bool search_worker::seed_from_cache(korvex_search_ctx_s* session, const cache_vi
     if (all_small && !hnsw_->runtime->cache_advice_given.exchange(true))
       KORVEX_LOG(
           "a query whose components all lie within (-1, 1) was answered from the result cache; "
-          "scale the vectors, by "
-          "10000 say, or set the result cache to exact keys\n");
+          "scale the vectors, by 10000 say, or set the result cache to exact keys\n");
   }
   return true;
 }

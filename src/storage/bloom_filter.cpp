@@ -24,8 +24,6 @@ constexpr std::uint32_t unit_magic = 0x50534246;
 constexpr std::uint32_t unit_version = 1;
 constexpr std::uint32_t max_hashes = 64;
 constexpr std::uint32_t spare_item = 1 + sbf_max_units;
-constexpr std::uint32_t min_unit_bytes = 1U << 6;
-constexpr std::uint32_t max_unit_bytes = 1U << 30;
 constexpr std::uint64_t base_seed = 0x1234567890abcdef;
 constexpr std::uint64_t seed_step = 0x9e3779b97f4a7c15;
 // 2^32 - 64: with the head such a unit still fits 2^30 bytes.
@@ -170,14 +168,10 @@ bool restore(scalable_bloom_filters_s* filter) {
 
 // The file of the base unit in a filter of units of this size.
 std::string base_file(const vectpool_conf_s& conf, std::uint32_t unit_bytes, int kind) {
-  char size_code[hex_compress_room];
-  char block_code[hex_compress_room];
-  string_hex_compress(std::uint64_t{unit_bytes} << 32 | 1, true, size_code);
-  string_hex_compress(static_cast<std::uint64_t>(kind) << 32, true, block_code);
-  const std::string prefix = conf.prefix != nullptr ? conf.prefix : "nimbra-korvex";
-  const std::string extension = conf.extension != nullptr ? conf.extension : "vp";
-  return std::string(conf.directory) + "/" + prefix + "-" + size_code + "-" + block_code + "." +
-         extension.substr(0, 16);
+  const vector_file_names_s names{conf.prefix != nullptr ? conf.prefix : "nimbra-korvex",
+                                  conf.extension != nullptr ? conf.extension : "vp", unit_bytes, 1,
+                                  static_cast<std::uint8_t>(kind)};
+  return std::string(conf.directory) + "/" + vector_block_file_name(names, 0);
 }
 
 bool is_base_file(const std::string& path, std::uint32_t unit_bytes) {
@@ -198,7 +192,7 @@ bool is_base_file(const std::string& path, std::uint32_t unit_bytes) {
 // all sizes. 0 when there is none.
 std::uint32_t stored_unit_bytes(const vectpool_conf_s* conf, int kind) {
   if (conf == nullptr || conf->persistent == 0 || conf->directory == nullptr) return 0;
-  for (std::uint32_t size = min_unit_bytes; size <= max_unit_bytes; size *= 2)
+  for (std::uint32_t size = sbf_min_unit_bytes; size <= sbf_max_unit_bytes; size *= 2)
     if (is_base_file(base_file(*conf, size, kind), size)) return size;
   return 0;
 }

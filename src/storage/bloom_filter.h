@@ -10,6 +10,9 @@
 namespace korvex {
 
 inline constexpr std::uint32_t sbf_max_units = 32;
+// A unit's bytes are a power of two between these; part of the file names.
+inline constexpr std::uint32_t sbf_min_unit_bytes = 1U << 6;
+inline constexpr std::uint32_t sbf_max_unit_bytes = 1U << 30;
 
 // How items are spread over the bits of a unit. Part of the file format.
 struct sbf_parameters_s {

@@ -18,7 +18,6 @@ constexpr std::uint32_t bucket_count = 1031;
 constexpr std::uint32_t stripe_count = 64;
 constexpr std::uint64_t min_data_size = 32;
 constexpr std::uint64_t max_data_size = std::uint64_t{1} << 30;
-constexpr std::uint32_t items_per_block = 16384;
 constexpr std::uint64_t whatever_age = ~std::uint64_t{0};
 }  // namespace
 
@@ -260,7 +259,7 @@ std::unique_ptr<table_s> open_table(std::uint64_t data_size, int kind,
   table->data_size = data_size;
   const std::uint64_t item_size = data_size + sizeof(entry_s);
   table->pool = std::make_unique<vectpool_c>(static_cast<unsigned>(item_size),
-                                             item_size * items_per_block, 64, kind, configuration);
+                                             item_size * pers_hash_items_per_block, 64, kind, configuration);
   const bool opened = table->pool->size() == 0 ? make_free_list(table.get()) : restore(table.get());
   return opened ? std::move(table) : nullptr;
 }

@@ -16,6 +16,9 @@ namespace korvex {
 // Lock order  stripe -> list; stripe -> free list; stripe -> pool.
 struct pers_hash_table_s;
 
+// Items in a block of the table's pool; part of the file names.
+inline constexpr std::uint32_t pers_hash_items_per_block = 16384;
+
 // An item of the pool; `data bytes` follow. Part of the file format, the three pointers apart:
 // they are rebuilt whenever the table is opened.
 struct pers_hash_entry_s {

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "storage/bit_store.h"  // the other answer to "was this id seen": for sets that span the whole id space
+#include "storage/bit_store.h"  // the same question, over the whole id space
 
 namespace korvex {
 

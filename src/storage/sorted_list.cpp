@@ -22,7 +22,8 @@ void link_runs_s::clear() {
 }
 
 std::uint32_t link_runs_s::run_below(float key) const {
-  // Whole blocks of eight, without a branch on the keys: the entries behind the last run are below nothing.
+  // Whole blocks of eight, without a branch on the keys: the entries behind the last run are below
+  // nothing.
   std::uint32_t below = 0;
   for (const float* block = keys; block < keys + count; block += 8) {
     for (int i = 0; i < 8; i++) below += block[i] < key ? 1 : 0;
@@ -148,8 +149,8 @@ void sortedlist_c::insert_inside(linklist_link_s* link, float key) {
     run = 0;
     at = head_;
   }
-  // The next run starts at or above the key; to stop there keeps the lengths right even in a list whose keys were
-  // changed under it.
+  // The next run starts at or above the key; to stop there keeps the lengths right even in a list
+  // whose keys were changed under it.
   const linklist_link_s* end = run + 1 < runs_.count ? runs_.starts[run + 1] : nullptr;
   linklist_link_s* next = at->next;
   if (at->key > key) {

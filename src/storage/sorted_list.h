@@ -28,9 +28,10 @@ using linklist_compare_fn = linklist_result_type (*)(void*, void*, sortedlist_cm
 
 namespace detail {
 
-// Cuts a sorted list into runs of consecutive links, each known by its first one, so that the way to a key is one look
-// at a small array of floats and a few steps. Every run holds between one and `longest` links; a run that outgrows that
-// is cut in two, and when the array is full, neighbours join and `longest` doubles.
+// Cuts a sorted list into runs of consecutive links, each known by its first one, so that the way
+// to a key is one look at a small array of floats and a few steps. Every run holds between one and
+// `longest` links; a run that outgrows that is cut in two, and when the array is full, neighbours
+// join and `longest` doubles.
 // Invariant   lengths add up to the links of the list, whatever an owner did to their keys.
 struct link_runs_s {
   static constexpr std::uint32_t most_runs = 64;

@@ -19,12 +19,6 @@ constexpr float ring_step = 0.1f;
 // Nothing is resolved finer than this squared distance: neither points around the anchor nor stars
 // around a point.
 constexpr float near_enough = 0.1f;
-// Radii halve from at most 3.9 and stop below 0.1, so six levels occur; child ids that form a
-// circle in a damaged file end here.
-constexpr int max_depth = 8;
-
-constexpr unsigned pool_block_bytes = 3276800;
-
 static_assert(std::is_trivially_copyable_v<vector_hash_s>);
 
 std::uint32_t load(std::uint32_t& word, std::memory_order order = std::memory_order_relaxed) {
@@ -60,11 +54,6 @@ int ring_of(float r) {
   constexpr int last = vector_hash_rings - 1;
   if (!(quotient < static_cast<float>(last))) return last;
   return quotient > 0 ? static_cast<int>(quotient) : 0;
-}
-
-std::uint32_t width_at(const vector_hash_s* vh, float radius) {
-  if (radius >= 0.799f) return vh->width_wide;
-  return radius >= 0.2f ? vh->width_mid : vh->width_narrow;
 }
 
 // Null unless all slots lie inside one block of the pool: ids of arrays come from the file.
@@ -140,8 +129,8 @@ int descend(vector_hash_s* vh, vector_hash_link_s& ring, vector_hash_node_s* nod
             vector_hash_node_s* answer) {
   float radius = ring.radius;
   link_ref link{&ring.id, &ring.lid};
-  for (int depth = 0; depth < max_depth; ++depth, radius *= 0.5f) {
-    const std::uint32_t width = width_at(vh, radius);
+  for (int depth = 0; depth < vector_hash_max_depth; ++depth, radius *= 0.5f) {
+    const std::uint32_t width = vector_hash_width_at(vh->width_narrow, radius);
     vector_hash_star_s* slots = array_for_add(vh, link, width, node->id, depth);
     if (slots == nullptr) return -1;
     answer->placed = 0;
@@ -170,7 +159,7 @@ void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring,
                               vector_hash_node_s* query, vector_hash_node_s* answer) {
   float radius = ring.radius;
   link_ref link{&ring.id, &ring.lid};
-  for (int depth = 0; depth < max_depth && radius >= ring_step; ++depth, radius *= 0.5f) {
+  for (int depth = 0; depth < vector_hash_max_depth && radius >= ring_step; ++depth, radius *= 0.5f) {
     if (depth > 0 && load(*link.id) == 0) {
       KORVEX_LOG("*** BUG *** null ep id: depth %d\n", depth);
       return;
@@ -180,7 +169,7 @@ void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring,
       if (depth == 0) KORVEX_LOG("*** BUG *** ep->lid zero\n");
       return;
     }
-    const std::uint32_t width = width_at(vh, radius);
+    const std::uint32_t width = vector_hash_width_at(vh->width_narrow, radius);
     vector_hash_star_s* slots = fetch_array(vh->pool, lid, width);
     if (slots == nullptr) {
       KORVEX_LOG("*** BUG *** null l for ep->lid %u\n", lid);
@@ -321,7 +310,7 @@ void vector_hash_destroy(vector_hash_s* vh, persistent_malloc_s* pm) {
 }
 
 vectpool_c* vector_hash_pool(int kind, vectpool_conf_s* conf) {
-  return new vectpool_c(sizeof(vector_hash_star_s), pool_block_bytes, 1, kind, conf);
+  return new vectpool_c(sizeof(vector_hash_star_s), vector_hash_block_bytes, 1, kind, conf);
 }
 
 void vector_hash_set_ep_id(vector_hash_s* vh, unsigned id, const float* v) {

@@ -54,6 +54,17 @@ struct vector_hash_link_s {
 };
 
 inline constexpr int vector_hash_rings = 40;
+inline constexpr unsigned vector_hash_block_bytes = 3276800;  // of star arrays; part of file names
+
+// Radii halve from at most 3.9 and stop below 0.1, so six levels occur; child ids that form a
+// circle in a damaged file end here.
+inline constexpr int vector_hash_max_depth = 8;
+
+// Slots of a star array that is visited at a radius, for the width that vector_hash_init was given.
+constexpr std::uint32_t vector_hash_width_at(std::uint32_t width, float radius) {
+  if (radius >= 0.799f) return 4 * width;
+  return radius >= 0.2f ? 2 * width : width;
+}
 
 // Finds an entry point for a graph walk: every point falls into a ring around the anchor by its
 // squared distance, and inside a ring the points far from all earlier ones are the stars of a

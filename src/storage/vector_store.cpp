@@ -18,7 +18,6 @@ namespace korvex {
 namespace {
 
 constexpr std::uint32_t largest_record = 1u << 31;
-constexpr std::uint64_t largest_block_records = 1ull << 31;
 constexpr std::uint32_t smallest_reusable_record = sizeof(vector_free_run_s);
 constexpr std::size_t manager_alignment = 64;
 
@@ -62,10 +61,8 @@ void release_store(vector_manager_s* m) {
 
 void set_geometry(vector_manager_s& m, std::uint32_t record_size, std::uint64_t bytes,
                   std::uint32_t align) {
-  const std::uint64_t wanted =
-      std::clamp<std::uint64_t>(bytes / record_size, 1, largest_block_records);
   m.record_size = record_size;
-  m.records_per_block = static_cast<std::uint32_t>(std::bit_ceil(wanted));
+  m.records_per_block = vector_records_per_block(record_size, bytes);
   m.id_mask = m.records_per_block - 1;
   m.id_shift = static_cast<std::uint32_t>(std::countr_zero(m.records_per_block));
   m.block_data_bytes = std::uint64_t{record_size} * m.records_per_block;

@@ -126,8 +126,8 @@ inline void* vector_get(const vector_manager_s* m, unsigned id) {
 }
 
 // As vector_get, or a copy from the data cache. A copy lives until this thread's fourth call from
-// now that is answered by a cache. `add` non-zero puts a missed record into the cache. Only for
-// records that no longer change.
+// now, on any store. `add` non-zero puts a missed record into the cache. Only for records that no
+// longer change.
 void* vector_get_cached(vector_manager_s* m, unsigned id, int add);
 
 // Puts a record (addr null: the store's own) into the data cache, if there is one.

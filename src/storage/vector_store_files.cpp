@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,38 +11,6 @@
 #include "storage/vector_store_internal.h"
 
 namespace korvex {
-
-std::size_t string_hex_compress(std::uint64_t value, bool masked, char* out) {
-  constexpr std::uint64_t pattern = 0xA5A5A5A5A5A5A5A5;
-  if (masked && value != 0) value ^= pattern & (~std::uint64_t{0} >> std::countl_zero(value));
-  std::size_t length = 0;
-  do {
-    const auto digit = static_cast<char>(value & 31);
-    out[length++] = static_cast<char>(digit < 26 ? 'a' + digit : '0' + (digit - 26));
-    value >>= 5;
-  } while (value != 0);
-  std::reverse(out, out + length);
-  out[length] = '\0';
-  return length;
-}
-
-vector_block_verdict check_vector_block(const std::byte* bytes, std::uint64_t size,
-                                        std::uint32_t record_size, std::uint32_t records_per_block,
-                                        std::uint32_t index) {
-  const std::uint64_t data_bytes = std::uint64_t{record_size} * records_per_block;
-  vector_block_header_s header;
-  if (size < sizeof header || size - sizeof header < data_bytes)
-    return vector_block_verdict::too_short;
-  std::memcpy(&header, bytes, sizeof header);
-  if (std::memcmp(header.signature, vector_block_signature, 2) != 0)
-    return vector_block_verdict::bad_signature;
-  if (header.signature[2] != vector_block_signature[2] || header.record_size != record_size ||
-      header.records_used > records_per_block)
-    return vector_block_verdict::bad_header;
-  const std::uint64_t first = std::uint64_t{index} * records_per_block;
-  return first + header.records_used < vector_no_id ? vector_block_verdict::good
-                                                    : vector_block_verdict::bad_header;
-}
 
 namespace store {
 namespace {

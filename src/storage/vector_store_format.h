@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 // The bytes and names of block files. Nothing here touches a file or a store, so that files can be
 // judged from outside a running index.
@@ -44,6 +45,20 @@ vector_block_verdict check_vector_block(const std::byte* bytes, std::uint64_t si
 // The length.
 std::size_t string_hex_compress(std::uint64_t value, bool masked, char* out);
 inline constexpr std::size_t hex_compress_room = 14;
+
+// How many records a block of about block_bytes holds: a power of two. Requires a record size.
+std::uint32_t vector_records_per_block(std::uint32_t record_size, std::uint64_t block_bytes);
+
+// What the names of a store's block files are made of. Of the extension 16 characters count.
+struct vector_file_names_s {
+  std::string prefix;
+  std::string extension;
+  std::uint32_t record_size;
+  std::uint32_t records_per_block;
+  std::uint8_t kind;
+};
+// Without its directory.
+std::string vector_block_file_name(const vector_file_names_s& names, std::uint32_t index);
 
 }  // namespace korvex
 

@@ -24,6 +24,13 @@ void write_run(const vector_manager_s& m, std::uint32_t id, const vector_free_ru
   std::memcpy(vector_get(&m, id), &run, sizeof run);
 }
 
+// Whether a run may be handed out: inside one block, below the ids never handed out. A record that
+// was freed twice, or written after its release, describes anything.
+bool is_sound(const vector_manager_s& m, const vector_free_run_s& run, std::uint32_t next_id) {
+  return run.first < next_id && run.length != 0 && run.length <= next_id - run.first &&
+         run.length <= m.records_per_block - (run.first & m.id_mask);
+}
+
 void push_run(vector_manager_s& m, std::uint32_t first, std::uint32_t length) {
   write_run(m, first, {first, run_marker, length, m.free_head});
   m.free_head = first;
@@ -53,14 +60,17 @@ bool joins(const vector_manager_s& m, const vector_free_run_s& run, const vector
 // three adjacent runs become two. Runs that the work area does not hold stay as they are.
 void compact(vector_manager_s& m) {
   const std::uint32_t next_id = m.next_id.load(std::memory_order_relaxed);
-  std::uint32_t n = 0;
+  std::uint32_t seen = 0, n = 0;
   std::uint32_t id = m.free_head;
-  while (n < vector_manager_s::scratch_runs && n < m.free_runs && id < next_id) {
-    m.scratch[n] = read_run(m, id);
-    m.free_records -= m.scratch[n].length;
-    id = m.scratch[n++].next;
+  while (seen < vector_manager_s::scratch_runs && seen < m.free_runs && id < next_id) {
+    const vector_free_run_s run = read_run(m, id);
+    seen += 1;
+    id = run.next;
+    if (!is_sound(m, run, next_id)) continue;
+    m.free_records -= run.length;
+    m.scratch[n++] = run;
   }
-  m.free_runs -= n;
+  m.free_runs -= seen;
   m.free_head = id;
   std::sort(m.scratch, m.scratch + n,
             [](const auto& a, const auto& b) { return a.first < b.first; });
@@ -78,12 +88,13 @@ std::uint32_t take_free_records(vector_manager_s& m, std::uint32_t count) {
   const std::uint32_t next_id = m.next_id.load(std::memory_order_relaxed);
   std::uint32_t best = vector_no_id, before_best = vector_no_id;
   vector_free_run_s best_run{};
-  // Counted, and ended by any id that was never handed out: a record freed twice or written after
-  // its release must not lead astray.
+  // Counted, and ended by any id that was never handed out: the links are as little to be trusted
+  // as the runs.
   std::uint32_t id = m.free_head, before = vector_no_id;
   for (std::uint32_t i = 0; i < m.free_runs && id < next_id; ++i) {
     const vector_free_run_s run = read_run(m, id);
-    if (run.length >= count && (best == vector_no_id || run.length < best_run.length)) {
+    if (is_sound(m, run, next_id) && run.length >= count &&
+        (best == vector_no_id || run.length < best_run.length)) {
       best = id;
       before_best = before;
       best_run = run;

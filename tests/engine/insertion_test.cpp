@@ -94,7 +94,11 @@ TEST(Insertion, NoPointIsLostWhileThreadsRetire) {
     std::thread retiring([&] {  // what a waiting host asks of idle threads
       while (!over.load()) index.runtime()->stop_adding.store(1);
     });
+    std::mt19937 random(1);
     for (int i = 0; i < points.size(); ++i) {
+      const auto moment =
+          std::chrono::steady_clock::now() + std::chrono::nanoseconds(random() % 60'000);
+      while (std::chrono::steady_clock::now() < moment) continue;
       korvex_add(index, points[i], 0);
       if (!eventually([&] { return korvex_has_finish_adding(index) == 1; })) {
         ADD_FAILURE() << "point " << i << " is never linked";

@@ -54,8 +54,9 @@ TEST(Teardown, IdleThreadsLeaveAtOnce) {
   const cloud points = make_clusters(20, 2, 1);
   for (int round = 0; round < (sanitized ? 60 : 300); ++round) {
     open_index index({.dimension = 2, .threads = 3}, points);
-    if (round % 2 == 0) korvex_wait_finish_adding(index);
-    const auto moment = std::chrono::steady_clock::now() + std::chrono::microseconds(round);
+    while (korvex_has_finish_adding(index) == 0) continue;
+    const auto moment =
+        std::chrono::steady_clock::now() + std::chrono::nanoseconds(round % 60 * 50);
     while (std::chrono::steady_clock::now() < moment) continue;
     index.close();
     EXPECT_TRUE(eventually([&] { return index.runtime()->users_gone.load(); }, 1)) << round;

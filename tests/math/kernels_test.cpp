@@ -157,6 +157,7 @@ TEST(Kernels, OnlyTheFmaMembersFuse) {
   }
 }
 
+#if defined(__x86_64__)
 cpu_features features_up_to(const std::string& best) {
   cpu_features f{};
   auto next = [&, on = true](std::uint8_t& flag, const char* name) mutable {
@@ -212,7 +213,13 @@ TEST(Kernels, AreResolvedByProcessor) {
     EXPECT_EQ(resolve_l2_square_4(f), expected.l2_square_4);
     EXPECT_EQ(resolve_normalize_vector(f), expected.normalize);
   }
-  EXPECT_EQ(resolve_inner_product_4(cpu_features{}), inner_product_default);
+}
+#endif
+
+TEST(Kernels, APlainProcessorGetsThePortableOnes) {
+  EXPECT_EQ(resolve_inner_product_16(cpu_features{}), inner_product_default);
+  EXPECT_EQ(resolve_l2_square_4(cpu_features{}), l2_square_default);
+  EXPECT_EQ(resolve_normalize_vector(cpu_features{}), normalize_vector_default);
 }
 
 // A processor in words: the answers of its leaves.

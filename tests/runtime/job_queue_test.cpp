@@ -232,6 +232,38 @@ TEST(JobQueue, ATriggerReachesWorkersThatAreJustAboutToWait) {
   waiter.join();
 }
 
+// Workers on their way to sleep, asleep and just awake, all at once: each must see every trigger.
+TEST(JobQueue, ATriggerReachesEveryWorkerEachTime) {
+  constexpr int workers = 3;
+  constexpr int last_round = 3000;
+  const queue_owner owner = make_queue();
+  std::atomic<int> round{0};
+  std::atomic<int> seen[workers] = {-1, -1, -1};
+  std::vector<std::thread> threads;
+  for (std::atomic<int>& mine : seen) {
+    threads.emplace_back([&] {
+      jobq_enter_worker(owner.get());
+      mine = 0;
+      while (mine < last_round) {
+        const std::uint64_t start = platform::monotonic_ns();
+        jobq_get(owner.get(), 3000);
+        EXPECT_LT(platform::monotonic_ns() - start, 2'500'000'000) << "slept over a trigger";
+        mine = round.load();
+      }
+    });
+  }
+  const auto await_all = [&](int r) {
+    for (const std::atomic<int>& theirs : seen) await([&] { return theirs == r; });
+  };
+  await_all(0);
+  for (int r = 1; r <= last_round; ++r) {
+    round = r;
+    jobq_trigger(owner.get(), 1);
+    await_all(r);
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
 struct pool {
   queue_owner queue = make_queue(3, 1, 0);
   std::atomic<bool> stop{false};

@@ -231,7 +231,8 @@ TEST_F(Log, DroppedLinesAreReportedOnce) {
   EXPECT_EQ(log_async(0, nullptr, "later\n"), 0);
   EXPECT_EQ(log_wait_empty(-1), 0);
   EXPECT_EQ(written(),
-            "gate\nout of sequence: seq 7 last 1 dropped 5 last dropped 0 diff 5 entries 9\n00005\n00006\n00007\n00008\n00009\n00010\n00011\n00012\n00013\n00014\nlater\n");
+            "gate\nout of sequence: seq 7 last 1 dropped 5 last dropped 0 diff 5 entries "
+            "9\n00005\n00006\n00007\n00008\n00009\n00010\n00011\n00012\n00013\n00014\nlater\n");
 }
 
 TEST_F(Log, WaitingForEmptyMeansWritten) {

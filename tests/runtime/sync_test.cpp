@@ -76,6 +76,19 @@ TEST(Sync, ATimedLockGivesUpAndAPlainOneDoesNot) {
     EXPECT_GE(elapsed_ms(start), 25u);
     EXPECT_LT(elapsed_ms(start), 10'000u);
   }).join();
+  // The largest times must not turn into a deadline that has passed.
+  for (const std::uint64_t ms : {std::uint64_t{1} << 50, UINT64_MAX}) {
+    std::atomic<bool> asked{false};
+    std::thread waiter([&] {
+      asked = true;
+      EXPECT_EQ(mutex_lock(&mutex, ms), 0) << ms;
+      mutex_unlock(&mutex);
+    });
+    while (!asked) std::this_thread::yield();
+    EXPECT_EQ(mutex_unlock(&mutex), 0);
+    waiter.join();
+    mutex_lock(&mutex);
+  }
   EXPECT_EQ(mutex_unlock(&mutex), 0);
   std::uint32_t word = 7;
   EXPECT_EQ(mutex_set_var(&mutex, &word, 9), 7u);

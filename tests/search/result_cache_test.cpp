@@ -275,6 +275,34 @@ TEST_F(ResultCache, ForgetsTheOldestWhenFull) {
   EXPECT_EQ(look_up(query(66999), 5).grade, 2) << "the control record survived";
 }
 
+// An answer never misses a point whose addition, with its invalidation, had returned before.
+TEST_F(ResultCache, NothingOlderThanAReturnedInvalidationIsAnExactHit) {
+  const std::vector<float> query = {1000};
+  std::atomic<std::uint32_t> points{1}, returned{0};
+  std::atomic<bool> done{false};
+  std::thread adder([&] {
+    for (std::uint32_t i = 1; i < 200000; ++i) {
+      points = i;
+      cache_search_invalidate();
+      returned = i;
+    }
+    done = true;
+  });
+  const auto search = [&] {
+    for (std::uint16_t ef = 1; !done; ef = static_cast<std::uint16_t>(ef % 200 + 1)) {
+      const std::uint32_t known = returned;
+      const answer_s got = look_up(query, 1);
+      if (got.grade == 0) EXPECT_GE(got.ids[0], known);
+      const std::uint64_t start = cache_search_time();
+      store(query, ef, ids_t(200, points), start);
+    }
+  };
+  std::thread searcher(search);
+  search();
+  adder.join();
+  searcher.join();
+}
+
 TEST_F(ResultCache, ThreadsReadStoreInvalidateAndReopenAtOnce) {
   std::vector<std::thread> threads;
   for (std::uint32_t t = 0; t < 3; ++t) {

@@ -111,7 +111,8 @@ TEST_F(BitStore, AgreesWithASetAcrossSegmentsAndGenerations) {
   std::mt19937 random(3);
   bitstore_s* store = bitstore_init(10);
   ASSERT_EQ(store->segment_bits, 1'048'576U);
-  // Both sides of the direct range, of segment borders, of the first table (32 segments) and of the id space.
+  // Both sides of the direct range, of segment borders, of the first table (32 segments) and of the
+  // id space.
   const std::uint32_t bases[] = {0,           1'000'000 - 32, 1'048'576 - 32,  3'000'000,
                                  33'554'400,  9U * 1'048'576, 17U * 1'048'576, 700'000'000,
                                  0xFFFFFFC0U, 40U * 1'048'576};

@@ -86,7 +86,8 @@ float make_key(key_kind kind, std::mt19937& random, int step) {
   }
 }
 
-// One step in `calm` empties, trims or drains; the sizes reached range from a few links to thousands.
+// One step in `calm` empties, trims or drains; the sizes reached range from a few links to
+// thousands.
 void run_against_model(key_kind kind, unsigned calm, int steps, std::uint32_t seed) {
   SCOPED_TRACE(testing::Message() << "kind " << static_cast<int>(kind) << " calm " << calm
                                   << " seed " << seed);
@@ -181,7 +182,8 @@ TEST_F(SortedList, IterationStopsAtTheFirstNegativeAnswer) {
   EXPECT_EQ(list.popped_back(), static_cast<std::uint32_t>(-5));
 }
 
-// An owner that changes keys under the list gets a wrong order and a line, but a list that is still whole.
+// An owner that changes keys under the list gets a wrong order and a line, but a list that is still
+// whole.
 TEST_F(SortedList, StaysWholeWhenKeysAreChangedUnderIt) {
   std::mt19937 random(5);
   std::vector<linklist_link_s> links(600);

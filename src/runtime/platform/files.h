@@ -27,6 +27,8 @@ enum class open_mode {
 };
 
 file_status status_of(const char* path);
+// The room that a file takes on disk; its holes take none. 0 when the system does not tell.
+std::uint64_t allocated_bytes(const char* path);
 
 // A descriptor with close-on-exec, or -1. New files are readable and writable by their owner only.
 int open_file(const char* path, open_mode mode);

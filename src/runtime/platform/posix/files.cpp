@@ -101,6 +101,13 @@ file_status status_of(const char* path) {
           static_cast<std::uint64_t>(status.st_size)};
 }
 
+std::uint64_t allocated_bytes(const char* path) {
+  constexpr std::uint64_t unit = 512;  // of st_blocks, whatever the file system's own is
+  struct stat status {};
+  if (path == nullptr || ::stat(path, &status) != 0) return 0;
+  return static_cast<std::uint64_t>(status.st_blocks) * unit;
+}
+
 int open_file(const char* path, open_mode mode) {
   return open_with(path, flags_of(mode));
 }

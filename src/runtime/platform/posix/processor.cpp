@@ -1,8 +1,10 @@
 #include "runtime/platform/processor.h"
 
-#include <cpuid.h>
 #include <sched.h>
 #include <unistd.h>
+#if defined(__x86_64__)
+#include <cpuid.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -92,6 +94,7 @@ int processor_count() {
   return count < 1 ? 1 : static_cast<int>(count);
 }
 
+#if defined(__x86_64__)
 cpuid_result cpuid(std::uint32_t leaf, std::uint32_t subleaf) {
   cpuid_result result{};
   __cpuid_count(leaf, subleaf, result.eax, result.ebx, result.ecx, result.edx);
@@ -106,6 +109,15 @@ std::uint64_t xgetbv(std::uint32_t index) {
   __asm__ volatile("xgetbv" : "=a"(low), "=d"(high) : "c"(index));
   return std::uint64_t{high} << 32 | low;
 }
+#else
+// No such instructions: a highest leaf of 0 tells that there is nothing to read.
+cpuid_result cpuid(std::uint32_t, std::uint32_t) {
+  return {};
+}
+std::uint64_t xgetbv(std::uint32_t) {
+  return 0;
+}
+#endif
 
 core_type core_type_of(int processor) {
   const int performance = listed_in("/sys/devices/cpu_core/cpus", processor);

@@ -1,0 +1,74 @@
+#include "engine/store_layout.h"
+
+#include "search/result_cache.h"
+#include "storage/hash_table.h"
+#include "storage/vector_hash.h"
+
+namespace korvex {
+
+namespace {
+
+constexpr std::uint8_t label_kind = 5;
+constexpr std::uint8_t attribute_kind = 6;
+
+struct record_plan {
+  std::uint32_t record_bytes;
+  std::uint64_t bytes_per_unit;  // of a block, for each allocation unit
+};
+
+record_plan plan_of(const hnsw_s& record, std::uint8_t kind) {
+  const std::uint32_t vector_bytes = record.dimension * static_cast<std::uint32_t>(sizeof(float));
+  const std::uint32_t graph_bytes = 4 * (graph_slots(record.shape_capacity) + 1);
+  switch (kind) {
+    case 1:
+      return {vector_bytes, vector_bytes};
+    case 2:
+      return {graph_bytes, graph_bytes};
+    case 3:
+      return {4, 4};
+    case 4:
+      return {1, 16};
+    default:
+      return {8, 8};
+  }
+}
+
+}  // namespace
+
+bool has_store(const hnsw_s& record, std::uint8_t kind) {
+  if (kind == label_kind) return record.shape_labels != 0;
+  if (kind == attribute_kind) return record.shape_attributes != 0;
+  return kind >= 1 && kind <= star_store_kind;
+}
+
+vector_file_names_s store_files(const hnsw_s& record, const std::string& name, std::uint8_t kind) {
+  if (kind == star_store_kind) {
+    const auto bytes = static_cast<std::uint32_t>(sizeof(vector_hash_star_s));
+    return {name, index_extension, bytes, vector_records_per_block(bytes, vector_hash_block_bytes),
+            kind};
+  }
+  const record_plan plan = plan_of(record, kind);
+  const std::uint64_t block_bytes = plan.bytes_per_unit * record.shape_units;
+  std::string prefix = name;
+  if (kind == label_kind) prefix += "-labels";
+  if (kind == attribute_kind) prefix += "-attributes";
+  return {prefix, index_extension, plan.record_bytes,
+          vector_records_per_block(plan.record_bytes, block_bytes), kind};
+}
+
+vector_file_names_s cache_files(const std::string& name) {
+  constexpr std::uint32_t item_bytes = sizeof(pers_hash_entry_s) + sizeof(cache_entry_s);
+  return {name, index_extension, item_bytes, pers_hash_items_per_block, cache_store_kind};
+}
+
+vector_file_names_s bloom_files(const std::string& name, std::uint32_t unit_bytes) {
+  return {name, index_extension, unit_bytes, 1, bloom_store_kind};
+}
+
+const char* store_title(std::uint8_t kind) {
+  constexpr const char* titles[] = {"",       "vectors",    "graph", "magnitudes", "flags",
+                                    "labels", "attributes", "stars", "cache",      "bloom"};
+  return kind < std::size(titles) ? titles[kind] : "";
+}
+
+}  // namespace korvex
