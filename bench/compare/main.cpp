@@ -158,7 +158,8 @@ void print_heading(const options& o, const dataset& data) {
              std::thread::hardware_concurrency(), load_average());
   fmt::print("instruction set  {}\n", chosen_kernels());
   fmt::print("threads          building {}, searching 1\n", fmt::join(o.build_threads, ", "));
-  fmt::print("clock            {}\n", o.processor_time ? "processor time of all threads" : "time gone by");
+  fmt::print("clock            {}\n",
+             o.processor_time ? "processor time of all threads" : "time gone by");
 }
 
 plan make_plan(const options& o, const dataset& data) {

@@ -389,6 +389,12 @@ bool linked_up_to(const hnsw_s* hnsw, std::uint32_t last) {
                       [&](const deferred_s& waiting) { return unfinished(waiting.id); });
 }
 
+// Whether points wait whose linking a crash had cut off.
+bool any_cut_off(korvex_runtime_s& runtime) {
+  std::lock_guard lock(runtime.add_lock);
+  return !runtime.relink.empty();
+}
+
 // No thread runs and none can be made: the caller links.
 void link_on_caller(hnsw_s* hnsw) {
   korvex_runtime_s& runtime = *hnsw->runtime;
@@ -498,7 +504,7 @@ void korvex_wait_finish_adding(hnsw_s* hnsw) {
   const std::uint32_t last = load_counter(hnsw->added);
   if (indexing_for == &runtime || linked_up_to(hnsw, last)) return;
   if (runtime.indexing_threads == 0) {
-    link_on_caller(hnsw);  // what a crash had cut off
+    if (any_cut_off(runtime)) link_on_caller(hnsw);
     return;
   }
   KORVEX_LOG("completed %u total %u\n", load_counter(hnsw->networked), load_counter(hnsw->added));

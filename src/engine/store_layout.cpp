@@ -1,5 +1,7 @@
 #include "engine/store_layout.h"
 
+#include <iterator>
+
 #include "search/result_cache.h"
 #include "storage/hash_table.h"
 #include "storage/vector_hash.h"
@@ -66,8 +68,9 @@ vector_file_names_s bloom_files(const std::string& name, std::uint32_t unit_byte
 }
 
 const char* store_title(std::uint8_t kind) {
-  constexpr const char* titles[] = {"",       "vectors",    "graph", "magnitudes", "flags",
-                                    "labels", "attributes", "stars", "cache",      "bloom"};
+  constexpr const char* titles[] = {
+      "",       "vectors",    "graph", "magnitudes",   "flags",
+      "labels", "attributes", "stars", "result cache", "Bloom filter"};
   return kind < std::size(titles) ? titles[kind] : "";
 }
 

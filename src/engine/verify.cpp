@@ -147,7 +147,7 @@ class directory_check {
     }
     index_.directory = report_.directory;
     index_.name = report_.name;
-    index_.claimed.insert(report_.name + "." + index_extension);
+    index_.claimed.emplace(report_.name + "." + index_extension, "index");
     const saved_part saved(path + ".compact", file.size(), &out_);
     check(saved.instead_of(file));
     list_files();
@@ -172,9 +172,8 @@ class directory_check {
   void check_stores(const index_bytes& file) {
     for (std::uint8_t kind = 1; kind <= star_store_kind; ++kind) {
       if (!has_store(index_.record, kind)) continue;
-      index_.stores[kind - 1] =
-          store_view(index_.directory, store_files(index_.record, index_.name, kind), &out_,
-                     &index_.claimed);
+      index_.stores[kind - 1] = store_view(
+          index_.directory, store_files(index_.record, index_.name, kind), &out_, &index_.claimed);
     }
     check_counters(index_, &out_);
     check_points(index_, options_.summary, &report_.statistics, &out_);
@@ -188,54 +187,43 @@ class directory_check {
     check_bloom(&index_, &report_.statistics, &out_);
   }
 
-  // Names of block files are two codes behind the prefix.
+  // Whether the name is that of a block file: two codes behind the prefix of a store.
   bool looks_ours(const std::string& file) const {
-    for (const char* part : {"-", "-labels-", "-attributes-"}) {
-      const std::string start = report_.name + part;
-      if (!file.starts_with(start) || !file.ends_with(std::string(".") + index_extension)) continue;
+    const std::string ending = std::string(".") + index_extension;
+    for (const char* store : {"", "-labels", "-attributes"}) {
+      const std::string prefix = report_.name + store;
+      if (!file.starts_with(prefix + "-") || !file.ends_with(ending)) continue;
+      // Another index may be called as the prefix of these stores is.
+      if (*store != '\0' && exists(file_of(report_.directory, prefix))) continue;
       const std::string codes =
-          file.substr(start.size(), file.size() - start.size() - std::string(index_extension).size() - 1);
-      const std::size_t dash = codes.find('-');
-      const bool two = dash != std::string::npos && dash != 0 && dash + 1 < codes.size();
-      if (two && codes.find_first_not_of("abcdefghijklmnopqrstuvwxyz012345-") == std::string::npos &&
-          codes.find('-', dash + 1) == std::string::npos)
-        return !exists(file_of(report_.directory, start.substr(0, start.size() - 1))) ||
-               std::string(part) == "-";
+          file.substr(prefix.size() + 1, file.size() - prefix.size() - 1 - ending.size());
+      if (are_two_codes(codes)) return true;
     }
     return false;
   }
 
+  static bool are_two_codes(const std::string& text) {
+    const std::size_t dash = text.find('-');
+    return dash != std::string::npos && dash != 0 && dash + 1 < text.size() &&
+           text.find_first_not_of("abcdefghijklmnopqrstuvwxyz012345", dash + 1) ==
+               std::string::npos &&
+           text.find_first_not_of("abcdefghijklmnopqrstuvwxyz012345") == dash;
+  }
+
   void list_files() {
+    const std::string saved = report_.name + "." + index_extension + ".compact";
+    index_.claimed.emplace(saved, "saved index");
     for (const platform::directory_entry& entry :
          platform::list_directory(report_.directory.c_str())) {
-      const bool claimed = index_.claimed.contains(entry.name);
-      const bool saved = entry.name == report_.name + "." + index_extension + ".compact";
-      const bool stray = !claimed && looks_ours(entry.name);
-      if (!claimed && !saved && !stray) continue;
+      const auto known = index_.claimed.find(entry.name);
+      const bool stray = known == index_.claimed.end();
+      if (stray && !looks_ours(entry.name)) continue;
       const std::string path = report_.directory + "/" + entry.name;
-      report_.files.push_back({entry.name, content_of(entry.name, claimed, saved), entry.size,
+      report_.files.push_back({entry.name, stray ? "unknown" : known->second, entry.size,
                                platform::allocated_bytes(path.c_str())});
       if (stray && report_.record.shape_valid != 0)
         out_.warning("blocks", "%s: no store of this index reads it", entry.name.c_str());
     }
-  }
-
-  std::string content_of(const std::string& file, bool claimed, bool saved) const {
-    if (saved) return "saved index";
-    if (file == report_.name + "." + index_extension) return "index";
-    if (!claimed) return "unknown";
-    for (std::uint8_t kind = 1; kind <= star_store_kind; ++kind)
-      if (has_store(index_.record, kind) &&
-          same_store(file, store_files(index_.record, index_.name, kind)))
-        return store_title(kind);
-    return same_store(file, cache_files(index_.name)) ? "result cache" : "bloom filter";
-  }
-
-  // Block names count upwards; the first few are enough to tell stores of one shape apart.
-  static bool same_store(const std::string& file, const vector_file_names_s& names) {
-    for (std::uint32_t block = 0; block < 4096; ++block)
-      if (vector_block_file_name(names, block) == file) return true;
-    return false;
   }
 
   const verify_options options_;

@@ -26,12 +26,13 @@ class cache_check {
       return static_cast<const store_view*>(items)->record(id);
     };
     if (!pers_hash_free_list_valid({&items_, item, items_.size()}, sizeof(cache_entry_s)))
-      out_.warning("cache", "the list of free items is damaged: the next opening makes it anew");
+      out_.warning("result cache",
+                   "the list of free items is damaged: the next opening makes it anew");
     for (std::uint32_t id = 1; id < items_.size(); ++id) check_item(id);
     std::sort(keys_.begin(), keys_.end());
     const auto twice = std::adjacent_find(keys_.begin(), keys_.end());
     if (twice != keys_.end())
-      out_.warning("cache", "key %016llx stands there more than once",
+      out_.warning("result cache", "key %016llx stands there more than once",
                    static_cast<unsigned long long>(*twice));
   }
 
@@ -39,7 +40,7 @@ class cache_check {
   void check_item(std::uint32_t id) {
     const auto head = read<pers_hash_entry_s>(items_.record(id));
     if (head.id != id && head.key != 0)
-      out_.warning("cache", "item %u says that it is item %u", id, head.id);
+      out_.warning("result cache", "item %u says that it is item %u", id, head.id);
     if (head.key == 0) return;
     keys_.push_back(head.key);
     if (head.key == control_key) return;
@@ -48,7 +49,7 @@ class cache_check {
     if (cache_entry_valid(entry, now_))
       ++statistics_.cached_results;
     else
-      out_.warning("cache", "item %u: count %u, lock %u: the next opening empties it", id,
+      out_.warning("result cache", "item %u: count %u, lock %u: the next opening empties it", id,
                    entry.count, entry.lock);
   }
 
@@ -70,7 +71,7 @@ class bloom_check {
     const auto base = sbf_check_base(units_.record(0), bytes, &parameters);
     if (base == sbf_item_state::blank && units_.size() == 1) return;  // cut off while it was made
     if (base != sbf_item_state::good) {
-      out_.warning("bloom", "the base unit is damaged");
+      out_.warning("Bloom filter", "the base unit is damaged");
       return;
     }
     std::uint64_t items = 0;
@@ -80,7 +81,7 @@ class bloom_check {
     statistics_.bloom_items = counted;
     // The base unit counts last: each kill in between leaves it one behind.
     if (counted != items)
-      out_.add(counted > items ? verify_severity::warning : verify_severity::note, "bloom",
+      out_.add(counted > items ? verify_severity::warning : verify_severity::note, "Bloom filter",
                "the units hold %llu items, the base unit counts %u",
                static_cast<unsigned long long>(items), counted);
   }
@@ -91,14 +92,14 @@ class bloom_check {
     const auto state = sbf_check_unit(units_.record(id), units_.record_size());
     if (state == sbf_item_state::blank && id + 1 == units_.size()) return 0;
     if (state != sbf_item_state::good) {
-      out_.warning("bloom", "unit %u is damaged", id);
+      out_.warning("Bloom filter", "unit %u is damaged", id);
       return 0;
     }
     const auto unit = read<sbf_unit_s>(units_.record(id));
     ++statistics_.bloom_units;
-    if (unit.id != id) out_.warning("bloom", "unit %u says that it is unit %u", id, unit.id);
+    if (unit.id != id) out_.warning("Bloom filter", "unit %u says that it is unit %u", id, unit.id);
     if (unit.items > parameters.max_items)
-      out_.warning("bloom", "unit %u holds %u items, it has room for %u", id, unit.items,
+      out_.warning("Bloom filter", "unit %u holds %u items, it has room for %u", id, unit.items,
                    parameters.max_items);
     return unit.items;
   }
@@ -119,13 +120,12 @@ void check_bloom(index_view* index, verify_statistics* statistics, findings* out
   std::uint32_t filters = 0;
   // The size of a unit is part of the file names.
   for (std::uint32_t bytes = sbf_min_unit_bytes; bytes <= sbf_max_unit_bytes; bytes *= 2) {
-    const store_view units(index->directory, bloom_files(index->name, bytes), out,
-                           &index->claimed);
+    const store_view units(index->directory, bloom_files(index->name, bytes), out, &index->claimed);
     if (units.size() == 0) continue;
     if (++filters == 1)
       bloom_check(units, statistics, out).run();
     else
-      out->warning("bloom", "a second filter, of %u bytes a unit, is never read", bytes);
+      out->warning("Bloom filter", "a second filter, of %u bytes a unit, is never read", bytes);
   }
 }
 

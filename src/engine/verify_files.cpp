@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "engine/store_layout.h"
 #include "runtime/platform/files.h"
 #include "runtime/platform/memory.h"
 
@@ -99,13 +100,13 @@ void findings::close() {
 }
 
 store_view::store_view(const std::string& directory, const vector_file_names_s& names,
-                       findings* out, std::set<std::string>* claimed)
+                       findings* out, file_contents* claimed)
     : names_(names) {
   for (std::uint32_t index = 0;; ++index) {
     const std::string file = vector_block_file_name(names, index);
     const std::string path = directory + "/" + file;
     if (!platform::status_of(path.c_str()).exists) return;
-    claimed->insert(file);
+    claimed->emplace(file, store_title(names.kind));
     if (!add_block(path, file, out)) return;
   }
 }

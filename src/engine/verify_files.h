@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
-#include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -70,13 +68,15 @@ class findings {
   std::map<std::string, tally> tallies_;
 };
 
+using file_contents = std::map<std::string, std::string>;  // what the file of a name holds
+
 // The records of a store, from all its blocks up to the first that is missing or bad.
 class store_view {
  public:
   store_view() = default;
-  // Bad blocks become findings. `claimed` takes the names of the files that were looked at.
+  // Bad blocks become findings. `claimed` takes the files that were looked at.
   store_view(const std::string& directory, const vector_file_names_s& names, findings* out,
-             std::set<std::string>* claimed);
+             file_contents* claimed);
 
   std::uint32_t size() const { return size_; }  // the first id without a record
   std::uint32_t record_size() const { return names_.record_size; }
@@ -107,7 +107,7 @@ struct index_view {
   hnsw_s record{};
   bool clean_close = false;
   store_view stores[7];  // by kind - 1; the seventh holds the star arrays
-  std::set<std::string> claimed;
+  file_contents claimed;
 
   const store_view& vectors() const { return stores[0]; }
   const store_view& graph() const { return stores[1]; }
@@ -126,14 +126,6 @@ struct index_view {
     return read<std::uint32_t>(graph().record(id) + 4 + std::uint64_t{4} * position);
   }
   bool is_seed(std::uint32_t id) const;
-};
-
-// One vector hash as its blocks in the index file tell; the pointers are null when a block is
-// missing.
-struct hash_blocks {
-  const std::byte* record = nullptr;
-  const std::byte* anchor = nullptr;
-  const std::byte* rings = nullptr;
 };
 
 // The bytes that the index file stands for: its own, or those that a cut off compaction saved.

@@ -21,14 +21,15 @@ class hash_check {
         owned_(index.stars().size()),
         width_(star_width(index.probes())) {}
 
-  void check_probe(const index_bytes& file, std::uint32_t probe, std::vector<std::uint32_t>* stars) {
+  void check_probe(const index_bytes& file, std::uint32_t probe,
+                   std::vector<std::uint32_t>* stars) {
     probe_ = probe;
     stars_ = stars;
     const std::uint64_t anchor_bytes = std::uint64_t{4} * index_.record.dimension;
     const std::byte* const record = find_block(file, hash_block_id(probe), sizeof(vector_hash_s));
     const std::byte* const anchor = find_block(file, hash_block_id(probe) + 1, anchor_bytes);
-    const std::byte* const rings = find_block(file, hash_block_id(probe) + 2,
-                                              sizeof(vector_hash_link_s) * vector_hash_rings);
+    const std::byte* const rings =
+        find_block(file, hash_block_id(probe) + 2, sizeof(vector_hash_link_s) * vector_hash_rings);
     if (record == nullptr || anchor == nullptr || rings == nullptr) {
       out_.warning("stars", "probe %u: a block of its vector hash is missing", probe);
       return;
@@ -154,8 +155,7 @@ class hash_check {
 
 std::vector<std::vector<std::uint32_t>> check_hashes(const index_view& index,
                                                      const index_bytes& file,
-                                                     verify_statistics* statistics,
-                                                     findings* out) {
+                                                     verify_statistics* statistics, findings* out) {
   std::vector<std::vector<std::uint32_t>> stars(index.probes());
   hash_check hashes(index, statistics, out);
   for (std::uint32_t probe = 0; probe < index.probes(); ++probe)

@@ -63,10 +63,10 @@ class block_check {
     if (!whole) return;
     for (const auto& [offset, id] : in_order_) check_found(offset, id);
     if (deleted_blocks_ != header_.deleted_blocks || deleted_bytes_ != header_.deleted_bytes)
-      out_.warning("index file", "%llu deleted blocks of %llu bytes, the header counts %llu of %llu",
-                   static_cast<ull>(deleted_blocks_), static_cast<ull>(deleted_bytes_),
-                   static_cast<ull>(header_.deleted_blocks),
-                   static_cast<ull>(header_.deleted_bytes));
+      out_.warning(
+          "index file", "%llu deleted blocks of %llu bytes, the header counts %llu of %llu",
+          static_cast<ull>(deleted_blocks_), static_cast<ull>(deleted_bytes_),
+          static_cast<ull>(header_.deleted_blocks), static_cast<ull>(header_.deleted_bytes));
   }
 
  private:
@@ -99,23 +99,21 @@ class block_check {
                    static_cast<ull>(offset), text_of(fault));
         return;
       }
+      if (block.id != persistent_deleted_id && persistent_bucket_of(block.id) != bucket) {
+        out_.error("index file", "chain %llu leads to block %llu at %llu", static_cast<ull>(bucket),
+                   static_cast<ull>(block.id), static_cast<ull>(offset));
+        return;
+      }
       if (walked == longest_chain || !on_chains_.insert(offset).second) {
         out_.error("index file", "chain %llu comes back to %llu, or is too long",
                    static_cast<ull>(bucket), static_cast<ull>(offset));
         return;
       }
-      if (block.id != persistent_deleted_id) check_member(bucket, offset, block.id);
+      if (block.id != persistent_deleted_id && !found_.insert(block.id).second)
+        out_.warning("index file", "block %llu at %llu is hidden by a newer one",
+                     static_cast<ull>(block.id), static_cast<ull>(offset));
       offset = block.next_offset;
     }
-  }
-
-  void check_member(std::uint64_t bucket, std::uint64_t offset, std::uint64_t id) {
-    if (persistent_bucket_of(id) != bucket)
-      out_.error("index file", "block %llu at %llu is on chain %llu", static_cast<ull>(id),
-                 static_cast<ull>(offset), static_cast<ull>(bucket));
-    if (!found_.insert(id).second)
-      out_.warning("index file", "block %llu at %llu is hidden by a newer one",
-                   static_cast<ull>(id), static_cast<ull>(offset));
   }
 
   // A block that was cut off while it was made is on no chain. It stays, once its id was asked for
@@ -124,8 +122,8 @@ class block_check {
     if (id == persistent_deleted_id || on_chains_.contains(offset)) return;
     const bool replaced = found_.contains(id);
     out_.add(replaced ? verify_severity::note : verify_severity::warning, "index file",
-             "block %llu at %llu is on no chain%s", static_cast<ull>(id),
-             static_cast<ull>(offset), replaced ? ", another one took its place" : "");
+             "block %llu at %llu is on no chain%s", static_cast<ull>(id), static_cast<ull>(offset),
+             replaced ? ", another one took its place" : "");
   }
 
   const index_bytes file_;
@@ -218,9 +216,8 @@ const std::byte* find_block(const index_bytes& file, std::uint64_t id, std::uint
         persistent_block_fault::none)
       return nullptr;
     if (block.id == id)
-      return block.requested_size >= bytes
-                 ? file.data + offset + persistent_block_header_bytes
-                 : nullptr;
+      return block.requested_size >= bytes ? file.data + offset + persistent_block_header_bytes
+                                           : nullptr;
     offset = block.next_offset;
   }
   return nullptr;
@@ -228,8 +225,7 @@ const std::byte* find_block(const index_bytes& file, std::uint64_t id, std::uint
 
 bool check_allocator(const index_bytes& file, findings* out) {
   persistent_header_s header;
-  const auto fault =
-      persistent_read_header(file.data, file.available, file.file_size, &header);
+  const auto fault = persistent_read_header(file.data, file.available, file.file_size, &header);
   if (fault != persistent_header_fault::none) {
     out->error("index file", "%s", text_of(fault));
     return false;
@@ -255,6 +251,11 @@ bool check_record(const index_bytes& file, const std::string& directory, hnsw_s*
   record->search_pool = nullptr;
   record->search_queue = nullptr;
   record->runtime = nullptr;
+  constexpr hnsw_s never_filled{};
+  if (std::memcmp(stored, &never_filled, sizeof never_filled) == 0) {
+    out->warning("record", "its making was cut off: the next opening makes it anew");
+    return false;
+  }
   return record_check(*record, out).run(directory);
 }
 

@@ -23,8 +23,9 @@ class counter_check {
 
   void run() {
     if (!index_.clean_close)
-      out_.note("counters", "the index was not closed with all its work done: the next opening "
-                            "looks for what is missing");
+      out_.note("counters",
+                "the index was not closed with all its work done: the next opening "
+                "looks for what is missing");
     check_lengths();
     check_order();
     for (std::uint32_t probe = 0; probe < index_.probes(); ++probe) check_seed(probe);
@@ -35,11 +36,11 @@ class counter_check {
     const std::uint32_t expected = record_.added + 1;
     for (std::uint8_t kind = 1; kind < star_store_kind; ++kind) {
       if (!has_store(record_, kind)) continue;
+      check_gaps(kind);
       const std::uint32_t size = index_.stores[kind - 1].size();
       if (size == expected) continue;
       out_.add(size < expected ? severity_ : verify_severity::warning, "counters",
                "%u records of %s, expected %u", size, store_title(kind), expected);
-      check_gaps(kind);
     }
   }
 
@@ -48,8 +49,8 @@ class counter_check {
     const store_view& store = index_.stores[kind - 1];
     for (std::uint32_t block = 0; block + 1 < store.block_count(); ++block)
       if (store.used(block) != store.records_per_block())
-        out_.error("counters", "block %u of %s holds %u records, expected %u", block,
-                   store_title(kind), store.used(block), store.records_per_block());
+        out_.warning("counters", "block %u of %s holds %u records, expected %u", block,
+                     store_title(kind), store.used(block), store.records_per_block());
   }
 
   void check_order() {
@@ -104,8 +105,7 @@ class point_check {
 
   void check(std::uint32_t id) {
     const std::uint8_t flags = index_.flags_of(id);
-    if ((flags & ~known_flags) != 0)
-      out_.error("flags", "point %u has flags 0x%02x", id, flags);
+    if ((flags & ~known_flags) != 0) out_.error("flags", "point %u has flags 0x%02x", id, flags);
     if ((flags & flag_link_lock) != 0)
       out_.add(severity_, "flags", "point %u is locked for linking", id);
     check_list(id);

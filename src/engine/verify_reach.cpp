@@ -75,8 +75,7 @@ void check_group(const index_view& index, const probe_group& group,
   const bool usual = static_cast<double>(lost) <= std::max(1.0, usual_share * points);
   out->add(usual ? verify_severity::note : verify_severity::warning, "reach",
            "probe %u: no link leads to %u of %u live points, point %u is the first%s", group.first,
-           lost, points, first_lost,
-           usual ? " (the choice of neighbours leaves some behind)" : "");
+           lost, points, first_lost, usual ? " (the choice of neighbours leaves some behind)" : "");
 }
 
 }  // namespace
