@@ -13,11 +13,13 @@ enum exit_code : int {
   exit_usage = 2,
   exit_input = 3,
   exit_output = 4,
+  exit_findings = 5,
 };
 
 inline constexpr const char* exit_code_help =
     "Exit codes: 0 done; 1 the index refused an operation or memory ran out; 2 wrong options;\n"
-    "3 an input file cannot be read or is damaged; 4 the results or the log cannot be written.";
+    "3 an input file cannot be read or is damaged; 4 the results or the log cannot be written;\n"
+    "5 verify found something wrong.";
 
 // Ends the verb: main prints the text to stderr and exits with the code.
 class tool_error : public std::runtime_error {

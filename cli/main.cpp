@@ -16,7 +16,7 @@ namespace korvex::cli {
 
 namespace {
 
-constexpr verb (*verbs[])(CLI::App&) = {add_eval};
+constexpr verb (*verbs[])(CLI::App&) = {add_eval, add_info, add_verify};
 
 int tell(exit_code code, const char* text) {
   fmt::print(stderr, "korvex: {}\n", text);

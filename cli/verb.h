@@ -18,6 +18,8 @@ struct verb {
 
 // Each stands in a file of its own under verbs/ and is listed in main.cpp.
 verb add_eval(CLI::App& tool);
+verb add_info(CLI::App& tool);
+verb add_verify(CLI::App& tool);
 
 }  // namespace korvex::cli
 

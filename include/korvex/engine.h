@@ -4,6 +4,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "korvex/results.h"
+
 // The engine below the host classes as C functions over an opaque record: for other languages, and
 // for what the fixed classes of korvex/korvex.h have no operation for (labels, direct search, the
 // result cache).
@@ -34,9 +36,6 @@ extern "C" {
 #endif
 
 typedef struct hnsw_s hnsw_s;
-typedef struct korvex_results_s korvex_results_s;
-typedef struct korvex_result_ids_s korvex_result_ids_s;
-typedef struct korvex_result_dists_s korvex_result_dists_s;
 
 enum {
   KORVEX_DISTANCE_L2_SQUARE = 1,

@@ -3,9 +3,11 @@
 
 #include <stdint.h>
 
+#include "korvex/results.h"
+
 // The binary contract of Korvex: what a host compiles against. The classes are tables of functions
-// in a fixed order; an operation never moves, disappears or changes its arguments. New programs in
-// C++ may prefer korvex/index.hpp.
+// in a fixed order; an operation never moves, disappears or changes its arguments. Labels, search
+// on the calling thread and the result cache are reached through korvex/engine.h.
 //
 // Ids        a vector's id is its position in the order of additions, from 0.
 // Distances  raw values of the chosen metric: squared or plain Euclidean distance, or the dot
@@ -29,37 +31,6 @@
 #endif
 
 struct hnsw_s;
-
-// The answer of one query, nearest first. The arrays belong to the session and live until its next
-// query.
-struct korvex_results_s {
-  uint32_t count;
-  uint32_t owned;
-  uint32_t* ids;
-  float* distances;
-};
-
-struct korvex_result_ids_s {
-  uint32_t count;
-  uint32_t valid;
-  uint32_t owned;  // 1: ids were copied for the caller of getResultIds(1)
-  uint32_t* ids;
-};
-
-struct korvex_result_dists_s {
-  uint32_t count;
-  uint32_t owned;
-  float* distances;
-};
-
-// The answer of a bulk query: row q holds the k ids of query q, nearest first; rows with fewer hits
-// end in zeros.
-struct korvex_bulk_results_s {
-  uint32_t k;
-  uint32_t query_count;
-  uint32_t valid;
-  uint32_t* ids;
-};
 
 class Korvex;
 class KorvexQuery;

@@ -148,7 +148,7 @@ void korvex_enable_index_check(hnsw_s* hnsw, int enable) {
 }
 
 int korvex_is_indexed(hnsw_s* hnsw, const float* vector) {
-  if (hnsw == nullptr || vector == nullptr) return 0;
+  if (hnsw == nullptr || vector == nullptr || !is_started(hnsw)) return 0;
   if (scalable_bloom_filters_s* const bloom =
           std::atomic_ref(hnsw->bloom).load(std::memory_order_acquire))
     sbf_exists(bloom, vector, hnsw->dimension * sizeof(float));

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "engine/points.h"
+#include "engine/startup.h"
 #include "runtime/log.h"
 
 namespace korvex {
@@ -62,8 +63,7 @@ float korvex_get_distance_ext(hnsw_s* hnsw, std::uint32_t id, const float* v) {
 
 float korvex_get_distance_internal(hnsw_s* hnsw, const float* a, const float* b) {
   if (hnsw == nullptr || a == nullptr || b == nullptr) return largest_float;
-  if (hnsw->runtime->distance_function.load(std::memory_order_acquire) == nullptr)
-    return largest_float;
+  korvex_choose_metric(hnsw);
   return raw_distance(hnsw, a, b);
 }
 

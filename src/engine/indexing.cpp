@@ -133,13 +133,20 @@ bool has_neighbours(const korvex_runtime_s& runtime, std::uint32_t id) {
   return graph && graph.slot(0) != 0;
 }
 
-// Under add_lock. An entry that will never get neighbours must not be waited for.
-bool settled(const korvex_runtime_s& runtime, std::uint32_t id) {
-  if (runtime.settled.contains(id)) return true;
-  const std::uint8_t* const flags = flags_of(runtime, id);
-  return flags == nullptr ||
-         (std::atomic_ref<std::uint8_t>(const_cast<std::uint8_t&>(*flags)).load() &
-          flag_duplicate) != 0;
+// Under add_lock: the linking of the id is over. An entry that got no neighbours by then never will
+// of its own, and must not be waited for.
+bool settled(const hnsw_s* hnsw, std::uint32_t id) {
+  const korvex_runtime_s& runtime = *hnsw->runtime;
+  if (id > hnsw->taken) return false;
+  const auto before = [](const handover_s& waiting, std::uint32_t value) {
+    return waiting.star < value;
+  };
+  const auto queued = std::lower_bound(runtime.relink.begin(), runtime.relink.end(), id, before);
+  if (queued != runtime.relink.end() && queued->star == id) return false;
+  if (std::find(runtime.in_flight.begin(), runtime.in_flight.end(), id) != runtime.in_flight.end())
+    return false;
+  return std::none_of(runtime.deferred, runtime.deferred + runtime.deferred_count,
+                      [id](const deferred_s& waiting) { return waiting.id == id; });
 }
 
 // Links one point from its hand-over; counts it whatever comes of it.
@@ -161,10 +168,6 @@ class point_linking {
       const bool repeats = tools_.duplicate_of() != 0 && point.id > runtime_.probe_count;
       if (!repeats || !leave_unlinked(point)) tools_.connect(point.id);
       if (stopping(hnsw_)) return;
-    }
-    if (!has_neighbours(runtime_, point.id)) {
-      std::lock_guard lock(runtime_.add_lock);
-      runtime_.settled.insert(point.id);
     }
     count_networked(hnsw_);
   }
@@ -222,7 +225,6 @@ class indexing_thread {
     claimed_point point;
     while (next(&point)) {
       if (needs_no_linking(hnsw_, point)) {
-        if (point.handover.marker == unlinkable_marker) settle(point.id);
         count_networked(hnsw_);
       } else if (point.relinked || !defer(point)) {
         linking.link(point);
@@ -234,11 +236,6 @@ class indexing_thread {
   }
 
  private:
-  void settle(std::uint32_t id) {
-    std::lock_guard lock(runtime_.add_lock);
-    runtime_.settled.insert(id);
-  }
-
   void finish(std::uint32_t id) {
     std::lock_guard lock(runtime_.add_lock);
     std::erase(runtime_.in_flight, id);
@@ -309,7 +306,7 @@ class indexing_thread {
     for (std::uint32_t i = 0; i < runtime_.deferred_count; ++i) {
       const deferred_s waiting = runtime_.deferred[i];
       if (now - waiting.queued <= deferral_usec) continue;
-      if (!has_neighbours(runtime_, waiting.entry) && !settled(runtime_, waiting.entry)) continue;
+      if (!has_neighbours(runtime_, waiting.entry) && !settled(hnsw_, waiting.entry)) continue;
       runtime_.deferred[i] = runtime_.deferred[--runtime_.deferred_count];
       *point = {waiting.id, {0, waiting.entry, 0, 0}};
       return true;
@@ -340,7 +337,7 @@ class indexing_thread {
     if (entry <= runtime_.probe_count || is_seed(hnsw_, entry) || has_neighbours(runtime_, entry))
       return false;
     std::lock_guard lock(runtime_.add_lock);
-    if (runtime_.deferred_count == deferred_capacity || settled(runtime_, entry)) return false;
+    if (runtime_.deferred_count == deferred_capacity || settled(hnsw_, entry)) return false;
     runtime_.deferred[runtime_.deferred_count++] = {point.id, entry, platform::time_usec()};
     return true;
   }
@@ -446,10 +443,10 @@ class progress_estimate {
 // Sleeps in short steps, so that a fast finish or a teardown ends the wait early.
 void sleep_while_linking(hnsw_s* hnsw, std::uint32_t last, std::uint64_t ms) {
   const std::uint64_t end = platform::time_ms() + ms;
-  while (platform::time_ms() < end && !stopping(hnsw) && !linked_up_to(hnsw, last)) {
-    if (hnsw->runtime->running_threads.load() == 0) return;
+  do {
     platform::sleep_usec(ms <= 1 ? 200 : 1'000);
-  }
+  } while (platform::time_ms() < end && !stopping(hnsw) && !linked_up_to(hnsw, last) &&
+           hnsw->runtime->running_threads.load() != 0);
 }
 
 }  // namespace

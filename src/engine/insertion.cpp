@@ -108,7 +108,8 @@ class insertion {
       return true;
     }
     const float distance = korvex_get_norm_distance(hnsw_, 1, runtime_.unit_scratch.get());
-    const float quotient = hnsw_->probe_step > 0.0f ? distance / hnsw_->probe_step : 0.0f;
+    const bool measurable = hnsw_->probe_step > 0.0f && distance == distance;
+    const float quotient = measurable ? distance / hnsw_->probe_step : 0.0f;
     const auto ring = static_cast<std::uint32_t>(
         std::clamp(quotient, 0.0f, static_cast<float>(norm_buckets - 1)));
     if (ring < 1) return false;
@@ -169,7 +170,8 @@ class insertion {
   }
 
   void remember() {
-    if (hnsw_->bloom != nullptr) sbf_add(hnsw_->bloom, v_, hnsw_->vector_bytes);
+    if (hnsw_->bloom != nullptr && hnsw_->index_check != 0)
+      sbf_add(hnsw_->bloom, v_, hnsw_->vector_bytes);
     cache_search_invalidate();
   }
 

@@ -14,8 +14,10 @@
 #include "math/topology.h"
 #include "runtime/disk_probe.h"
 #include "runtime/log.h"
+#include "runtime/platform/clock.h"
 #include "runtime/platform/files.h"
 #include "runtime/platform/processor.h"
+#include "runtime/platform/threads.h"
 #include "runtime/random.h"
 #include "runtime/text_box.h"
 #include "storage/persistent_allocator.h"
@@ -81,6 +83,17 @@ bool locate(const char* base_path, const char* index_name, unsigned instance_id,
   return false;
 }
 
+// 28 bits that differ between indexes made in the same second by different processes: the generators
+// of threads that just started are seeded from the clock's seconds.
+std::uint64_t new_identity(const void* record) {
+  std::uint64_t z = random_u64() ^ platform::time_usec() ^ platform::monotonic_ns() ^
+                    (std::uint64_t{platform::thread_id()} << 40) ^
+                    reinterpret_cast<std::uintptr_t>(record);
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
+  return (z ^ (z >> 31)) >> 36;
+}
+
 void write_defaults(hnsw_s* hnsw, std::uint32_t dimension, std::uint8_t instance_id) {
   const int processors = platform::processor_count();
   hnsw->config_valid = 1;
@@ -105,7 +118,7 @@ void write_defaults(hnsw_s* hnsw, std::uint32_t dimension, std::uint8_t instance
   hnsw->log_handle = -1;
   hnsw->log_enabled = 1;
   hnsw->clean_close = 1;
-  hnsw->identity = random_u64() & 0x0FFFFFFFu;
+  hnsw->identity = new_identity(hnsw);
 }
 
 // What a record from a file must say before anything trusts it.

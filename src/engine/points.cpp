@@ -88,7 +88,7 @@ void korvex_set_data(hnsw_s* hnsw, std::uint32_t id, void* data, int) {
 }
 
 int korvex_delete(hnsw_s* hnsw, std::uint32_t id, int undelete) {
-  if (hnsw == nullptr || !is_started(hnsw) || id == no_public_id ||
+  if (hnsw == nullptr || !is_started(hnsw) || id >= load_counter(hnsw->added) ||
       flags_of(*hnsw->runtime, id + 1) == nullptr)
     return -1;
   if (undelete == 0)

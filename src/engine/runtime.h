@@ -7,7 +7,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "engine/record.h"
@@ -106,9 +105,8 @@ struct korvex_runtime_s {
   std::mutex add_lock;
   deferred_s deferred[deferred_capacity] = {};
   std::uint32_t deferred_count = 0;
-  std::deque<handover_s> relink;  // points whose linking a crash cut off; .star holds the id
-  std::unordered_set<std::uint32_t> settled;  // linked to nothing and never will be
-  std::vector<std::uint32_t> in_flight;       // ids that indexing threads hold now
+  std::deque<handover_s> relink;         // points whose linking a crash cut off; .star holds the id
+  std::vector<std::uint32_t> in_flight;  // ids that indexing threads hold now
 
   cond_var_s add_cond{};
   std::atomic<std::uint32_t> cond_waiters{0};

@@ -95,6 +95,13 @@ std::uint64_t disk_cache_bytes(hnsw_s* hnsw, std::uint64_t budget) {
   return percentage_cache_limit;
 }
 
+void select_metric_if_unset(hnsw_s* hnsw) {
+  if (hnsw->distance != nullptr) return;
+  korvex_select_metric(hnsw, hnsw->distance_type != 0
+                                 ? static_cast<korvex_distance_type>(hnsw->distance_type)
+                                 : DISTANCE_L2_SQUARE);
+}
+
 struct store_plan {
   std::uint64_t record_bytes;
   std::uint64_t units_factor;  // block bytes = this x units
@@ -107,7 +114,7 @@ class startup {
 
   void run() {
     take_shape(hnsw_);
-    korvex_select_metric_if_unset();
+    select_metric_if_unset(hnsw_);
     hnsw_->vector_bytes = hnsw_->element_bytes * hnsw_->dimension;
     const std::uint64_t budget = memory_budget(runtime_);
     choose_units(hnsw_, budget);
@@ -130,21 +137,15 @@ class startup {
   }
 
  private:
-  void korvex_select_metric_if_unset() {
-    if (hnsw_->distance != nullptr) return;
-    korvex_select_metric(hnsw_, hnsw_->distance_type != 0
-                                    ? static_cast<korvex_distance_type>(hnsw_->distance_type)
-                                    : DISTANCE_L2_SQUARE);
-  }
-
   void freeze() {
     hnsw_->pattern_probes = std::clamp<std::uint32_t>(hnsw_->pattern_probes, 1, max_probes);
     runtime_.dimension = hnsw_->dimension;
     runtime_.vector_bytes = hnsw_->vector_bytes;
     runtime_.probe_count = hnsw_->pattern_probes;
     runtime_.neighbour_count = hnsw_->neighbour_capacity;
-    runtime_.construction_beam = static_cast<std::int32_t>(hnsw_->radius);
-    runtime_.indexing_threads = std::max(hnsw_->indexing_threads, 0);
+    // Options and files may say anything; these limits are far beyond what a machine can use.
+    runtime_.construction_beam = static_cast<std::int32_t>(std::min(hnsw_->radius, 1u << 20));
+    runtime_.indexing_threads = std::clamp(hnsw_->indexing_threads, 0, 1024);
     runtime_.labels = hnsw_->labels_enabled != 0;
     runtime_.attributes = hnsw_->attributes_enabled != 0;
   }
@@ -275,6 +276,12 @@ void korvex_select_metric(hnsw_s* hnsw, korvex_distance_type type) {
   korvex_runtime_s& runtime = *hnsw->runtime;
   runtime.direction.store(self < opposite ? 1.0f : -1.0f);
   runtime.distance_function.store(hnsw->distance_function, std::memory_order_release);
+}
+
+void korvex_choose_metric(hnsw_s* hnsw) {
+  if (hnsw->runtime->distance_function.load(std::memory_order_acquire) != nullptr) return;
+  std::lock_guard lock(hnsw->runtime->startup_lock);
+  select_metric_if_unset(hnsw);
 }
 
 void korvex_create_bloom(hnsw_s* hnsw) {

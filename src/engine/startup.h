@@ -19,6 +19,8 @@ bool korvex_try_init_memory(hnsw_s* hnsw);
 
 // Under the start-up lock: makes the metric object and what follows from it.
 void korvex_select_metric(hnsw_s* hnsw, korvex_distance_type type);
+// Makes the configured metric, or squared L2, when there is none yet.
+void korvex_choose_metric(hnsw_s* hnsw);
 // Under the start-up lock, once stores exist.
 void korvex_create_bloom(hnsw_s* hnsw);
 

@@ -26,6 +26,9 @@ std::uint64_t disk_bytes(const hnsw_s* hnsw) {
 index_statistics collect_statistics(const hnsw_s* hnsw) {
   index_statistics result;
   result.disk_bytes = disk_bytes(hnsw);
+  result.added = load_counter(hnsw->added);
+  const std::uint32_t networked = load_counter(hnsw->networked);
+  result.unlinked = result.added > networked ? result.added - networked : 0;
   if (load_counter(hnsw->memory_initialised) == 0) return result;
   const korvex_runtime_s& runtime = *hnsw->runtime;
   for (const vectpool_c* store : runtime.store)
@@ -33,9 +36,6 @@ index_statistics collect_statistics(const hnsw_s* hnsw) {
       result.memory_bytes += std::uint64_t{store->size()} * store->record_size();
   result.memory_bytes +=
       std::uint64_t{runtime.star_pool->size()} * runtime.star_pool->record_size();
-  result.added = load_counter(hnsw->added);
-  const std::uint32_t networked = load_counter(hnsw->networked);
-  result.unlinked = result.added > networked ? result.added - networked : 0;
   for (std::uint32_t id = 1; id <= result.added; ++id) {
     std::uint8_t* const word = flags_of(runtime, id);
     const std::uint8_t flags =

@@ -239,15 +239,16 @@ void run(const std::string& directory, const std::string& name, const verify_opt
     return;
   }
   const std::string path = file_of(report->directory, report->name);
-  const bool busy = in_use(path);
-  if (busy && !options.force) {
+  report->in_use = in_use(path);
+  if (report->in_use && !options.force) {
     report->outcome = verify_outcome::in_use;
     report->reason = path + " is in use; what changes while it is read would look like damage";
     return;
   }
   directory_check(options, report).run();
   // Opened meanwhile: nobody was kept out.
-  if (!busy && !options.force && in_use(path)) {
+  if (!options.force && in_use(path)) {
+    report->in_use = true;
     report->outcome = verify_outcome::in_use;
     report->reason = path + " was opened while it was read";
   }

@@ -58,6 +58,7 @@ struct verify_report {
   std::string reason;     // unless checked
   std::string directory;  // of the index
   std::string name;
+  bool in_use = false;  // somebody had it open
   bool record_read = false;
   hnsw_s record{};  // its pointers are null
   std::vector<verify_finding> findings;

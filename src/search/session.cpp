@@ -35,7 +35,8 @@ int wanted_results(int k) {
 jobq_s* create_queue(const hnsw_s* hnsw) {
   jobq_s* const queue = jobq_init();
   if (queue == nullptr) return nullptr;
-  jobq_set_threads_config(queue, static_cast<std::uint32_t>(std::max(hnsw->search_threads, 1)), 1,
+  jobq_set_threads_config(queue,
+                          static_cast<std::uint32_t>(std::clamp(hnsw->search_threads, 1, 1024)), 1,
                           worker_exit_interval_ms);
   jobq_set_blocking(queue, std::max(hnsw->search_queue_limit, 0));
   return queue;

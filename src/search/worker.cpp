@@ -110,10 +110,13 @@ void search_worker::search_anew(korvex_search_ctx_s* session, std::uint32_t prob
                          static_cast<std::uint16_t>(std::min<std::uint32_t>(session->ef, 65'535))};
   if (cache.on && seed_from_cache(session, cache)) return;
   const std::uint64_t walk_start = cache_search_time();
+  // A walk that could not yet meet an added point leaves no answer behind: its addition has already
+  // told the cache.
+  const bool all_linked = load_counter(hnsw_->networked) >= load_counter(hnsw_->added);
   const std::uint64_t begin = platform::monotonic_ns();
   walk(session, entry);
   // A teardown cuts walks short.
-  if (cache.on && load_counter(hnsw_->stop_searching) == 0)
+  if (cache.on && all_linked && load_counter(hnsw_->stop_searching) == 0)
     store_in_cache(session, cache, walk_start, (platform::monotonic_ns() - begin) / 1'000);
 }
 

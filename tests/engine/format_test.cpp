@@ -3,9 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "engine/configuration.h"
@@ -142,9 +140,13 @@ class IndexFormat : public testing::Test {
     korvex_delete(index, 3, 0);
   }
 
+  // The beginning of a file.
   std::string file(const std::string& name) const {
     std::ifstream stream(directory_.path() + "/nimbra-korvex/0/" + name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
+    std::string bytes(1 << 16, '\0');
+    stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<std::size_t>(stream.gcount()));
+    return bytes;
   }
   // The caller's bytes of a block of the index file: blocks follow one another.
   std::string block(std::uint64_t id) const {

@@ -1,0 +1,126 @@
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "engine/configuration.h"
+#include "engine/insertion.h"
+#include "engine/points.h"
+#include "engine/teardown.h"
+#include "runtime/log.h"
+#include "tests/cli/scratch_directory.h"
+
+namespace korvex::cli {
+namespace {
+
+using nlohmann::json;
+using testing_support::ScratchDirectory;
+
+// korvex verify and korvex info on an index of 60 points, one of them deleted.
+class IndexVerbs : public ScratchDirectory {
+ protected:
+  void SetUp() override {
+    ScratchDirectory::SetUp();
+    log_init(64'000, 0);
+    log_setfd(0);
+    index_ = korvex_init(4, 0, path("base").c_str(), "points");
+    korvex_set_threads(index_, 0);
+    korvex_set_alloc_units(index_, 64, 0);
+    korvex_enable_label(index_, 1);
+    std::mt19937 random(1);
+    std::normal_distribution<float> component;
+    for (int i = 0; i < 60; ++i) {
+      const float vector[] = {component(random), component(random), component(random),
+                              component(random)};
+      korvex_add(index_, vector, 0);
+    }
+    korvex_delete(index_, 5, 0);
+  }
+  void TearDown() override {
+    close();
+    ScratchDirectory::TearDown();
+  }
+  void close() {
+    korvex_free(index_);
+    index_ = nullptr;
+  }
+
+  int run(const std::string& arguments) {
+    const std::string command = std::string(KORVEX_TOOL_PATH) + " " + arguments + " >" +
+                                path("out") + " 2>" + path("err") + " </dev/null";
+    const int status = std::system(command.c_str());
+    out_ = read_file(path("out"));
+    err_ = read_file(path("err"));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  std::string folder() const { return path("base/nimbra-korvex/0"); }
+
+  hnsw_s* index_ = nullptr;
+  std::string out_, err_;
+};
+
+TEST_F(IndexVerbs, ACleanIndexAndWhatItHolds) {
+  close();
+  ASSERT_EQ(run("verify " + path("base")), 0) << err_ << out_;
+  EXPECT_NE(out_.find("60 points: 59 live, 1 deleted, 0 duplicate, 0 unlinked"), std::string::npos);
+  EXPECT_NE(out_.find("0 errors, 0 warnings"), std::string::npos);
+
+  ASSERT_EQ(run("verify --json --name points " + folder()), 0) << err_;
+  const json checked = json::parse(out_);
+  EXPECT_EQ(checked["clean"], true);
+  EXPECT_EQ(checked["statistics"]["points"], 60);
+
+  ASSERT_EQ(run("info --json " + path("base")), 0) << err_;
+  const json info = json::parse(out_);
+  EXPECT_EQ(info["configuration"]["dimension"], 4);
+  EXPECT_EQ(info["configuration"]["metric"], "l2sq");
+  EXPECT_EQ(info["configuration"]["neighbours"], 32);
+  EXPECT_EQ(info["configuration"]["labels"], true);
+  EXPECT_EQ(info["counts"]["live"], 59);
+  std::uint64_t bytes = 0;
+  for (const json& file : info["files"]) {
+    EXPECT_EQ(file["bytes"],
+              std::filesystem::file_size(folder() + "/" + std::string(file["name"])));
+    bytes += std::uint64_t{file["allocated_bytes"]};
+  }
+  EXPECT_EQ(info["allocated_bytes"], bytes);
+  EXPECT_EQ(info["files"].size(), 8u);
+  ASSERT_EQ(run("info " + path("base")), 0) << err_;
+  EXPECT_NE(out_.find("dimension          4\n"), std::string::npos) << out_;
+}
+
+TEST_F(IndexVerbs, ExitCodesTellWhatWasFound) {
+  const struct {
+    std::string arguments;
+    int code;
+    std::string out, err;
+  } open[] = {{"verify " + path("base"), 1, "", "is in use"},
+              {"verify --force " + path("base"), 0, "60 points", ""},
+              {"info " + path("base"), 0, "(in use)", ""}};
+  const auto expect = [this](const auto& rows) {
+    for (const auto& row : rows) {
+      EXPECT_EQ(run(row.arguments), row.code) << row.arguments << "\n" << err_ << out_;
+      EXPECT_NE(out_.find(row.out), std::string::npos) << row.arguments << "\n" << out_;
+      EXPECT_NE(err_.find(row.err), std::string::npos) << row.arguments << "\n" << err_;
+    }
+  };
+  expect(open);
+  close();
+  std::filesystem::create_directories(path("empty"));
+  for (const auto& entry : std::filesystem::directory_iterator(folder()))
+    if (entry.path().filename().string().starts_with("points-labels"))
+      std::filesystem::resize_file(entry.path(), 100);
+  const decltype(open[0]) damaged[] = {
+      {"verify " + path("base"), 5, "error    blocks: points-labels", "points: 2 findings"},
+      {"verify " + path("empty"), 3, "", "no index in"},
+      {"verify --name other " + path("base"), 3, "", "there is: points"},
+      {"verify", 2, "", "directory"},
+      {"info " + path("empty"), 3, "", "no index in"}};
+  expect(damaged);
+}
+
+}  // namespace
+}  // namespace korvex::cli
