@@ -5,6 +5,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <vector>
 
 #include "engine/configuration.h"
 #include "engine/insertion.h"
@@ -93,18 +94,19 @@ TEST_F(IndexVerbs, ACleanIndexAndWhatItHolds) {
 }
 
 TEST_F(IndexVerbs, ExitCodesTellWhatWasFound) {
-  const struct {
+  struct row {
     std::string arguments;
     int code;
     std::string out, err;
-  } open[] = {{"verify " + path("base"), 1, "", "is in use"},
-              {"verify --force " + path("base"), 0, "60 points", ""},
-              {"info " + path("base"), 0, "(in use)", ""}};
-  const auto expect = [this](const auto& rows) {
-    for (const auto& row : rows) {
-      EXPECT_EQ(run(row.arguments), row.code) << row.arguments << "\n" << err_ << out_;
-      EXPECT_NE(out_.find(row.out), std::string::npos) << row.arguments << "\n" << out_;
-      EXPECT_NE(err_.find(row.err), std::string::npos) << row.arguments << "\n" << err_;
+  };
+  const std::vector<row> open = {{"verify " + path("base"), 1, "", "is in use"},
+                                 {"verify --force " + path("base"), 0, "60 points", ""},
+                                 {"info " + path("base"), 0, "(in use)", ""}};
+  const auto expect = [this](const std::vector<row>& rows) {
+    for (const row& each : rows) {
+      EXPECT_EQ(run(each.arguments), each.code) << each.arguments << "\n" << err_ << out_;
+      EXPECT_NE(out_.find(each.out), std::string::npos) << each.arguments << "\n" << out_;
+      EXPECT_NE(err_.find(each.err), std::string::npos) << each.arguments << "\n" << err_;
     }
   };
   expect(open);
@@ -113,7 +115,7 @@ TEST_F(IndexVerbs, ExitCodesTellWhatWasFound) {
   for (const auto& entry : std::filesystem::directory_iterator(folder()))
     if (entry.path().filename().string().starts_with("points-labels"))
       std::filesystem::resize_file(entry.path(), 100);
-  const decltype(open[0]) damaged[] = {
+  const std::vector<row> damaged = {
       {"verify " + path("base"), 5, "error    blocks: points-labels", "points: 2 findings"},
       {"verify " + path("empty"), 3, "", "no index in"},
       {"verify --name other " + path("base"), 3, "", "there is: points"},
