@@ -12,7 +12,7 @@ namespace korvex::compare {
 
 namespace {
 
-constexpr double wanted_recalls[] = {0.90, 0.95, 0.99};
+constexpr double wanted_recalls[] = {0.90, 0.95, 0.99, 0.995, 0.999};
 
 std::vector<double> rates(const level& of, std::size_t n_queries) {
   std::vector<double> made;
@@ -74,11 +74,11 @@ void print_rates(std::ostream& out, const plan& plan, const peer_result& ours,
     const auto first = all_rates_at(plan, ours, n_queries, recall);
     const auto second = all_rates_at(plan, other, n_queries, recall);
     if (first.empty() || second.empty()) {
-      fmt::print(out, "  queries a second at recall {:.2f}   none: {}\n", recall,
+      fmt::print(out, "  queries a second at recall {:.3f}   none: {}\n", recall,
                  outside(first.empty() ? ours : other, recall));
       continue;
     }
-    fmt::print(out, "  queries a second at recall {:.2f}   {}   [{:.0f} against {:.0f}]\n", recall,
+    fmt::print(out, "  queries a second at recall {:.3f}   {}   [{:.0f} against {:.0f}]\n", recall,
                with_spread(summarise(ratios(first, second)), 3), summarise(first).median,
                summarise(second).median);
   }
@@ -90,10 +90,10 @@ void print_ratios(std::ostream& out, const plan& plan, const peer_result& ours,
              other.name);
   print_rates(out, plan, ours, other, n_queries);
   for (std::size_t i = 0; i < ours.builds.size(); ++i)
-    fmt::print(out, "  build time, {} thread{}               {}\n", ours.builds[i].threads,
+    fmt::print(out, "  build time, {} thread{}                {}\n", ours.builds[i].threads,
                ours.builds[i].threads == 1 ? " " : "s",
                with_spread(summarise(ratios(ours.builds[i].seconds, other.builds[i].seconds)), 3));
-  fmt::print(out, "  bytes a vector                      {:.3f}\n",
+  fmt::print(out, "  bytes a vector                       {:.3f}\n",
              ours.bytes_a_vector / other.bytes_a_vector);
 }
 

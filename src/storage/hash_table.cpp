@@ -258,8 +258,9 @@ std::unique_ptr<table_s> open_table(std::uint64_t data_size, int kind,
   auto table = std::make_unique<table_s>();
   table->data_size = data_size;
   const std::uint64_t item_size = data_size + sizeof(entry_s);
-  table->pool = std::make_unique<vectpool_c>(static_cast<unsigned>(item_size),
-                                             item_size * pers_hash_items_per_block, 64, kind, configuration);
+  table->pool =
+      std::make_unique<vectpool_c>(static_cast<unsigned>(item_size),
+                                   item_size * pers_hash_items_per_block, 64, kind, configuration);
   const bool opened = table->pool->size() == 0 ? make_free_list(table.get()) : restore(table.get());
   return opened ? std::move(table) : nullptr;
 }

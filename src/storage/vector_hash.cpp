@@ -159,7 +159,8 @@ void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring,
                               vector_hash_node_s* query, vector_hash_node_s* answer) {
   float radius = ring.radius;
   link_ref link{&ring.id, &ring.lid};
-  for (int depth = 0; depth < vector_hash_max_depth && radius >= ring_step; ++depth, radius *= 0.5f) {
+  for (int depth = 0; depth < vector_hash_max_depth && radius >= ring_step;
+       ++depth, radius *= 0.5f) {
     if (depth > 0 && load(*link.id) == 0) {
       KORVEX_LOG("*** BUG *** null ep id: depth %d\n", depth);
       return;

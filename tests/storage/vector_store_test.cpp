@@ -57,11 +57,11 @@ class log_lines {
 
  private:
   static std::mutex& mutex() {
-    static std::mutex only;
+    static std::mutex& only = *new std::mutex;  // the log's worker outlives static objects
     return only;
   }
   static std::string& text() {
-    static std::string only;
+    static std::string& only = *new std::string;
     return only;
   }
 };
