@@ -1,16 +1,13 @@
 #include "engine/indexing.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 
-#include "engine/linking.h"
-#include "engine/neighbours.h"
+#include "engine/point_linking.h"
 #include "engine/points.h"
 #include "engine/runtime.h"
 #include "engine/teardown.h"
-#include "engine/walk.h"
 #include "runtime/log.h"
 #include "runtime/platform/clock.h"
 #include "runtime/threads.h"
@@ -19,114 +16,11 @@ namespace korvex {
 
 namespace {
 
-constexpr unsigned visited_bits = 1'000'000;
 constexpr std::uint64_t deferral_usec = 199;
 constexpr std::uint64_t idle_wait_ms = 1'000;
 constexpr std::uint64_t deferred_poll_usec = 100;
 
 thread_local const korvex_runtime_s* indexing_for = nullptr;
-
-struct claimed_point {
-  std::uint32_t id = 0;
-  handover_s handover{};
-  bool relinked = false;  // its first linking was cut off by a crash
-};
-
-bool stopping(const hnsw_s* hnsw) {
-  return load_counter(hnsw->stop_indexing) != 0;
-}
-
-void count_networked(hnsw_s* hnsw) {
-  std::atomic_ref(hnsw->networked).fetch_add(1);
-}
-
-// The scratch of one linking thread, for its whole life: linking allocates nothing per point.
-class linker {
- public:
-  explicit linker(hnsw_s* hnsw) : hnsw_(hnsw), runtime_(*hnsw->runtime) {
-    const int beam = std::max(runtime_.construction_beam, 100);
-    candidates_ = korvex_nbrs_alloc(hnsw, 2 * beam);
-    second_ = korvex_nbrs_alloc(hnsw, static_cast<int>(2 * runtime_.neighbour_count));
-    session_.visited = bitstore_init(visited_bits);
-    session_.beam = beam;
-    int32find_init(&conmap_, static_cast<int>(std::max(1024u, 4 * runtime_.neighbour_count)),
-                   "conmap");
-  }
-  ~linker() {
-    korvex_nbrs_free(candidates_);
-    korvex_nbrs_free(second_);
-    if (session_.visited != nullptr) bitstore_free(session_.visited);
-    int32find_free(&conmap_);
-  }
-  linker(const linker&) = delete;
-  linker& operator=(const linker&) = delete;
-
-  bool ready() const {
-    return candidates_ != nullptr && second_ != nullptr && session_.visited != nullptr &&
-           conmap_.capacity != 0;
-  }
-
-  // Walks from the entry; the key of the nearest candidate, or the largest float.
-  float search(std::uint32_t id, std::uint32_t entry) {
-    const float* const vector = vector_of(runtime_, id);
-    korvex_nbrs_reset(hnsw_, candidates_);
-    korvex_nbrs_reset(hnsw_, second_);
-    bitstore_reset(session_.visited);
-    session_.mode = 0;
-    session_.duplicate = 0;
-    if (vector == nullptr) {
-      KORVEX_LOG("*** BUG *** null buffer for id: %u\n", id);
-      return largest_float;
-    }
-    const korvex_node_s node{id, vector};
-    korvex_search_candidates(hnsw_, &session_, candidates_, &node, entry, nullptr);
-    const auto* const first =
-        static_cast<const korvex_nelem_s*>(candidates_->candidates->peek_front());
-    if (first == nullptr) return largest_float;
-    // The walk tells of an entry that the point repeats; further on it only stops.
-    if (session_.duplicate == 0 && repeats(first->distance)) {
-      session_.duplicate = first->id;
-      session_.duplicate_was_hidden =
-          (set_flags(runtime_, first->id, flag_duplicate) & flag_duplicate) != 0;
-    }
-    return first->distance;
-  }
-
-  // The point that the last one repeats, marked as a duplicate since then; 0 for none.
-  std::uint32_t duplicate_of() const { return session_.duplicate; }
-  // Whether it had been marked before, so that another one stands for it.
-  bool duplicate_was_hidden() const { return session_.duplicate_was_hidden; }
-
-  void connect(std::uint32_t id) {
-    int32find_reset(&conmap_);
-    korvex_connect_nbrs(hnsw_, candidates_, second_, id, &conmap_);
-  }
-
- private:
-  bool repeats(float key) const {
-    return hnsw_->duplicate_mode != 0 && hnsw_->duplicate_option != 0 &&
-           hnsw_->duplicate_threshold != threshold_off &&
-           key <= runtime_.direction.load(std::memory_order_relaxed) * hnsw_->duplicate_threshold;
-  }
-
-  hnsw_s* const hnsw_;
-  korvex_runtime_s& runtime_;
-  korvex_nbrs_s* candidates_ = nullptr;
-  korvex_nbrs_s* second_ = nullptr;
-  korvex_session_s session_{};
-  int32find_s conmap_{};
-};
-
-handover_s read_handover(const korvex_runtime_s& runtime, std::uint32_t id) {
-  const graph_record graph = graph_of(runtime, id);
-  if (!graph) {
-    // Counters name a point that no store holds: going on would damage what is there.
-    KORVEX_LOG_CRITICAL("get graph failed for id: %u\n", id);
-    log_wait_empty();
-    std::abort();
-  }
-  return {graph.slot(0), graph.slot(1), graph.slot(2), graph.slot(3)};
-}
 
 bool has_neighbours(const korvex_runtime_s& runtime, std::uint32_t id) {
   const graph_record graph = graph_of(runtime, id);
@@ -147,64 +41,6 @@ bool settled(const hnsw_s* hnsw, std::uint32_t id) {
     return false;
   return std::none_of(runtime.deferred, runtime.deferred + runtime.deferred_count,
                       [id](const deferred_s& waiting) { return waiting.id == id; });
-}
-
-// Links one point from its hand-over; counts it whatever comes of it.
-class point_linking {
- public:
-  point_linking(hnsw_s* hnsw, linker* tools)
-      : hnsw_(hnsw), runtime_(*hnsw->runtime), tools_(*tools) {}
-
-  void link(const claimed_point& point) {
-    const std::uint32_t seed = probe_seed(hnsw_, probe_of(hnsw_, point.id));
-    if (point.handover.entry == 0)
-      KORVEX_LOG("*** BUG *** ep_id not passed to thread: nid %u l %p\n", point.id,
-                 graph_of(runtime_, point.id).address());
-    const std::uint32_t entry =
-        point.handover.entry == 0 ? 0 : usable_entry(hnsw_, point.handover.entry, seed);
-    if (entry != 0 && entry != point.id) {
-      nearest_key_ = tools_.search(point.id, entry);
-      if (stopping(hnsw_)) return;
-      const bool repeats = tools_.duplicate_of() != 0 && point.id > runtime_.probe_count;
-      if (!repeats || !leave_unlinked(point)) tools_.connect(point.id);
-      if (stopping(hnsw_)) return;
-    }
-    count_networked(hnsw_);
-  }
-
-  void link_duplicates_too() { links_duplicates_ = true; }
-  float nearest_key() const { return nearest_key_; }
-
- private:
-  // Of a point and its copies one stays visible. The original is marked by now: the mark moves to
-  // the copy, which is not linked then; inline linking, and a copy of a deleted point, leave it. An
-  // original that had been hidden before has somebody else to stand for both.
-  bool leave_unlinked(const claimed_point& point) {
-    const std::uint32_t id = point.id;
-    const std::uint32_t original = tools_.duplicate_of();
-    const bool hidden = tools_.duplicate_was_hidden();
-    // The crash may have come between marking the original and moving the mark: nobody else is
-    // sure to stand for both.
-    if (hidden && point.relinked) return false;
-    const bool deleted = korvex_is_flag_set_internal(hnsw_, original, flag_deleted) != 0;
-    if (!hidden && (links_duplicates_ || deleted)) return false;
-    set_flags(runtime_, id, flag_duplicate);
-    if (!hidden) clear_flags(runtime_, original, flag_duplicate);
-    if (links_duplicates_) return false;
-    std::atomic_ref(hnsw_->duplicates).fetch_add(1);
-    return true;
-  }
-
-  hnsw_s* const hnsw_;
-  korvex_runtime_s& runtime_;
-  linker& tools_;
-  bool links_duplicates_ = false;
-  float nearest_key_ = largest_float;
-};
-
-bool needs_no_linking(const hnsw_s* hnsw, const claimed_point& point) {
-  return point.handover.marker == seed_marker || point.handover.marker == unlinkable_marker ||
-         is_seed(hnsw, point.id);
 }
 
 // An indexing thread: takes points under add_lock, links them, and ends itself when nothing comes
@@ -248,12 +84,12 @@ class indexing_thread {
       bool waits_for_entries = false;
       {
         std::lock_guard lock(runtime_.add_lock);
-        if (!stopping(hnsw_) && take(point)) return true;
+        if (!indexing_is_stopping(hnsw_) && take(point)) return true;
         waits_for_entries = runtime_.deferred_count != 0;
         const bool idle_too_long = platform::time_ms() - idle_since >= idle_wait_ms;
         const bool may_go =
             !waits_for_entries && (idle_too_long || runtime_.stop_adding.load() != 0);
-        if ((may_go || stopping(hnsw_)) && retire()) return false;
+        if ((may_go || indexing_is_stopping(hnsw_)) && retire()) return false;
         announce_wait();
       }
       wait(waits_for_entries);
@@ -269,7 +105,7 @@ class indexing_thread {
   }
 
   void wait(bool waits_for_entries) {
-    if (stopping(hnsw_) || untaken()) return;
+    if (indexing_is_stopping(hnsw_) || untaken()) return;
     if (waits_for_entries)
       platform::sleep_usec(deferred_poll_usec);
     else
@@ -284,7 +120,7 @@ class indexing_thread {
   // other way round, so one of the two sees the other. False: a point came, the thread stays.
   bool retire() {
     runtime_.running_threads.fetch_sub(1);
-    if (stopping(hnsw_) || !untaken()) return true;
+    if (indexing_is_stopping(hnsw_) || !untaken()) return true;
     runtime_.running_threads.fetch_add(1);
     return false;
   }
@@ -374,25 +210,12 @@ void link_inline(hnsw_s* hnsw, std::uint32_t id) {
   }
 }
 
-// Whether every id up to `last` is linked. Points that came later do not count.
-bool linked_up_to(const hnsw_s* hnsw, std::uint32_t last) {
-  if (load_counter(hnsw->networked) >= load_counter(hnsw->added)) return true;
-  korvex_runtime_s& runtime = *hnsw->runtime;
-  std::lock_guard lock(runtime.add_lock);
-  if (hnsw->taken < last || !runtime.relink.empty()) return false;
-  const auto unfinished = [last](std::uint32_t id) { return id <= last; };
-  if (std::any_of(runtime.in_flight.begin(), runtime.in_flight.end(), unfinished)) return false;
-  return std::none_of(runtime.deferred, runtime.deferred + runtime.deferred_count,
-                      [&](const deferred_s& waiting) { return unfinished(waiting.id); });
+}  // namespace
+
+bool is_indexing_thread(const korvex_runtime_s& runtime) {
+  return indexing_for == &runtime;
 }
 
-// Whether points wait whose linking a crash had cut off.
-bool any_cut_off(korvex_runtime_s& runtime) {
-  std::lock_guard lock(runtime.add_lock);
-  return !runtime.relink.empty();
-}
-
-// No thread runs and none can be made: the caller links.
 void link_on_caller(hnsw_s* hnsw) {
   korvex_runtime_s& runtime = *hnsw->runtime;
   {
@@ -406,50 +229,6 @@ void link_on_caller(hnsw_s* hnsw) {
   indexing_thread(hnsw).run();
   indexing_for = before;
 }
-
-// How long the waiting thread sleeps, from what is left and how fast it went.
-class progress_estimate {
- public:
-  progress_estimate(const hnsw_s* hnsw) : hnsw_(hnsw), last_(load_counter(hnsw->networked)) {}
-
-  std::uint64_t next_sleep_ms() {
-    const std::uint32_t networked = load_counter(hnsw_->networked);
-    const std::uint32_t added = load_counter(hnsw_->added);
-    const std::uint64_t now = platform::time_usec();
-    if (networked > last_) {
-      rate_ = static_cast<double>(now - since_) / (static_cast<double>(networked - last_) * 1000.0);
-      last_ = networked;
-      since_ = now;
-    }
-    const std::uint32_t left = added > networked ? added - networked : 0;
-    const double estimate = std::min(static_cast<double>(left) * rate_, 4e9);
-    const auto whole = static_cast<std::uint32_t>(estimate);
-    const auto part = static_cast<std::uint32_t>(static_cast<double>(whole) * 0.75);
-    if (round_++ > 0 && (whole > 10'000 || part >= 501))
-      KORVEX_LOG("networked %u total %u estimated in %u ms (%.6f)\n", networked, added, whole,
-                 rate_);
-    if (whole == 0) return 1;
-    return whole > 10'000 ? 10'000 : std::max(part, 1u);
-  }
-
- private:
-  const hnsw_s* const hnsw_;
-  std::uint32_t last_;
-  std::uint64_t since_ = platform::time_usec();
-  double rate_ = 0.01;  // milliseconds a point
-  std::uint32_t round_ = 0;
-};
-
-// Sleeps in short steps, so that a fast finish or a teardown ends the wait early.
-void sleep_while_linking(hnsw_s* hnsw, std::uint32_t last, std::uint64_t ms) {
-  const std::uint64_t end = platform::time_ms() + ms;
-  do {
-    platform::sleep_usec(ms <= 1 ? 200 : 1'000);
-  } while (platform::time_ms() < end && !stopping(hnsw) && !linked_up_to(hnsw, last) &&
-           hnsw->runtime->running_threads.load() != 0);
-}
-
-}  // namespace
 
 bool korvex_prepare_linking(hnsw_s* hnsw) {
   korvex_runtime_s& runtime = *hnsw->runtime;
@@ -479,7 +258,7 @@ void korvex_launch_threads(hnsw_s* hnsw, int n) {
   std::lock_guard lock(runtime.add_lock);
   for (int i = 0; i < n && runtime.running_threads.load() < wanted; ++i) {
     runtime_use use(&runtime);
-    if (!use || stopping(hnsw)) return;
+    if (!use || indexing_is_stopping(hnsw)) return;
     runtime.running_threads.fetch_add(1);
     if (create_thread(korvex_indexing_thread, &runtime) != 0) {
       runtime.running_threads.fetch_sub(1);
@@ -487,33 +266,6 @@ void korvex_launch_threads(hnsw_s* hnsw, int n) {
     }
     use.detach();
   }
-}
-
-int korvex_has_finish_adding(hnsw_s* hnsw) {
-  if (hnsw == nullptr) return 0;
-  if (!is_started(hnsw) || hnsw->runtime->indexing_threads == 0) return 1;
-  return load_counter(hnsw->networked) >= load_counter(hnsw->added) ? 1 : 0;
-}
-
-void korvex_wait_finish_adding(hnsw_s* hnsw) {
-  if (hnsw == nullptr || !is_started(hnsw)) return;
-  korvex_runtime_s& runtime = *hnsw->runtime;
-  const std::uint32_t last = load_counter(hnsw->added);
-  if (indexing_for == &runtime || linked_up_to(hnsw, last)) return;
-  if (runtime.indexing_threads == 0) {
-    if (any_cut_off(runtime)) link_on_caller(hnsw);
-    return;
-  }
-  KORVEX_LOG("completed %u total %u\n", load_counter(hnsw->networked), load_counter(hnsw->added));
-  runtime.stop_adding.store(1);
-  progress_estimate estimate(hnsw);
-  while (!stopping(hnsw) && !linked_up_to(hnsw, last)) {
-    if (runtime.running_threads.load() == 0) korvex_launch_threads(hnsw, runtime.indexing_threads);
-    if (runtime.running_threads.load() == 0) link_on_caller(hnsw);
-    sleep_while_linking(hnsw, last, estimate.next_sleep_ms());
-  }
-  KORVEX_LOG("index adding finished\n");
-  print_memory_usage_change(log_fp(), "after index: ", hnsw->memory_usage, take_memory_usage());
 }
 
 void korvex_notify_ready(hnsw_s* hnsw) {

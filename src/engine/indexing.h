@@ -19,6 +19,11 @@ void korvex_publish(hnsw_s* hnsw, std::uint32_t id);
 // Starts up to n indexing threads while fewer than the configured number run.
 void korvex_launch_threads(hnsw_s* hnsw, int n);
 
+// Links what waits on the calling thread, when no thread runs and none can be made.
+void link_on_caller(hnsw_s* hnsw);
+// Whether the calling thread links points of this index.
+bool is_indexing_thread(const korvex_runtime_s& runtime);
+
 int korvex_has_finish_adding(hnsw_s* hnsw);
 // Returns once every point that was added before the call is linked, or the index is being torn
 // down. At once on an indexing thread of the index, which would wait for itself.
