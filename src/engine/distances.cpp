@@ -1,8 +1,10 @@
 #include "engine/distances.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "engine/points.h"
+#include "engine/scoring.h"
 #include "engine/startup.h"
 #include "runtime/log.h"
 
@@ -37,15 +39,96 @@ float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored,
                     const vector_hash_node_s& n, int mode) {
   const bool inner_product = hnsw->distance_type == DISTANCE_INNER_PRODUCT;
   const float* const other = mode == vector_hash_mode_search && !inner_product ? n.query : n.vector;
+  float distance = raw_distance(hnsw, stored, other);
+  if (hnsw->distance_type == DISTANCE_L2) distance *= distance;
+  if (mode == vector_hash_mode_search && !inner_product) return distance;
   const float magnitude = stored_magnitude(*hnsw->runtime, id);
   const bool corrected = std::fabs(magnitude) >= 1e-6f;
-  float distance = raw_distance(hnsw, stored, other);
   if (inner_product) return 2.0f - 2.0f * (corrected ? distance / magnitude : distance);
-  if (hnsw->distance_type == DISTANCE_L2) distance *= distance;
-  if (mode == vector_hash_mode_search) return distance;
   if (!corrected || std::fabs(1.0f - magnitude) < 1e-6f) return distance;
   return (distance - 1.0f) / magnitude + (2.0f - magnitude);
 }
+
+// Stars against one query, a handful at a time: the next handful comes from memory while one is
+// compared.
+class star_scan {
+ public:
+  star_scan(const hnsw_s* hnsw, const vector_hash_node_s& n, float* out)
+      : runtime_(*hnsw->runtime),
+        scorer_(runtime_),
+        inner_product_(hnsw->distance_type == DISTANCE_INNER_PRODUCT),
+        squares_(hnsw->distance_type == DISTANCE_L2),
+        query_(inner_product_ ? n.vector : n.query),
+        magnitude_(inner_product_ ? 0.0f : n.aux),
+        out_(out) {}
+
+  void run(const std::uint32_t* ids, std::uint32_t count) {
+    handful turns[2];
+    for (std::uint32_t first = 0, turn = 0; first < count; first += handful_size, turn ^= 1) {
+      fetch(ids, first, std::min(first + handful_size, count), &turns[turn]);
+      compare(turns[turn ^ 1]);
+      turns[turn ^ 1].count = 0;
+    }
+    for (const handful& last : turns) compare(last);
+  }
+
+ private:
+  static constexpr std::uint32_t handful_size = 8;
+  struct handful {
+    std::uint32_t count = 0;
+    std::uint32_t position[handful_size];
+    float magnitude[handful_size];
+    const float* row[handful_size];
+  };
+
+  void fetch(const std::uint32_t* ids, std::uint32_t first, std::uint32_t end, handful* next) {
+    for (std::uint32_t i = first; i < end; ++i) {
+      const float* const row = vector_of(runtime_, ids[i]);
+      const float magnitude = stored_magnitude(runtime_, ids[i]);
+      out_[i] = largest_float;
+      if (row == nullptr || too_far(magnitude)) continue;
+      scorer_.prefetch(row);
+      next->position[next->count] = i;
+      next->magnitude[next->count] = magnitude;
+      next->row[next->count++] = row;
+    }
+  }
+
+  // Two vectors are at least as far apart as their lengths differ. The margin covers the rounding
+  // of the lengths and of the distances.
+  bool too_far(float magnitude) const {
+    if (magnitude_ <= 0.0f || magnitude < 0.0f) return false;
+    const float apart =
+        std::fabs(magnitude_ - magnitude) - rounding_margin * (magnitude_ + magnitude);
+    return apart > 0.0f && apart * apart * (1.0f - rounding_margin) > best_;
+  }
+
+  void compare(const handful& stars) {
+    float distances[handful_size];
+    scorer_.score_fetched(query_, stars.row, stars.count, distances);
+    for (std::uint32_t i = 0; i < stars.count; ++i) {
+      const float distance = on_squared_scale(distances[i], stars.magnitude[i]);
+      out_[stars.position[i]] = distance;
+      if (distance < best_) best_ = distance;
+    }
+  }
+
+  float on_squared_scale(float distance, float magnitude) const {
+    if (!inner_product_) return squares_ ? distance * distance : distance;
+    return 2.0f - 2.0f * (std::fabs(magnitude) >= 1e-6f ? distance / magnitude : distance);
+  }
+
+  static constexpr float rounding_margin = 1e-4f;
+
+  const korvex_runtime_s& runtime_;
+  const row_scorer scorer_;
+  const bool inner_product_;
+  const bool squares_;
+  const float* const query_;
+  const float magnitude_;  // of the query; 0: unknown or of no use
+  float* const out_;
+  float best_ = largest_float;
+};
 
 }  // namespace
 
@@ -80,6 +163,11 @@ float korvex_get_hash_distance_cached(void* context, unsigned id, vector_hash_no
   const void* const stored =
       hnsw->runtime->store[vector_store]->get_cached(id, mode == vector_hash_mode_search ? 1 : 0);
   return hash_distance(hnsw, id, static_cast<const float*>(stored), *n, mode);
+}
+
+void korvex_get_hash_distances(void* context, const std::uint32_t* ids, std::uint32_t count,
+                               vector_hash_node_s* n, float* out) {
+  star_scan(static_cast<const hnsw_s*>(context), *n, out).run(ids, count);
 }
 
 float korvex_get_norm_distance(hnsw_s* hnsw, std::uint32_t id, const float* unit) {

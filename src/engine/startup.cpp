@@ -221,6 +221,7 @@ class startup {
           vector_hash_init(dimension, dimension, width, runtime_.star_pool, hnsw_->memory_manager,
                            10 * (probe + 1), distance, hnsw_);
       if (hash == nullptr) throw std::runtime_error("no room for a vector hash");
+      if (cache_bytes_ == 0) vector_hash_set_scan(hash, korvex_get_hash_distances);
       runtime_.hash[probe] = hash;
     }
   }
@@ -275,6 +276,9 @@ void korvex_select_metric(hnsw_s* hnsw, korvex_distance_type type) {
   hnsw->distance_range[1] = self;
   korvex_runtime_s& runtime = *hnsw->runtime;
   runtime.direction.store(self < opposite ? 1.0f : -1.0f);
+  runtime.distance_batch.store(
+      distance_batch4_function(hnsw->distance_type, static_cast<int>(hnsw->dimension)),
+      std::memory_order_relaxed);
   runtime.distance_function.store(hnsw->distance_function, std::memory_order_release);
 }
 

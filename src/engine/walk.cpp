@@ -5,6 +5,7 @@
 
 #include "engine/points.h"
 #include "engine/runtime.h"
+#include "engine/scoring.h"
 #include "runtime/log.h"
 
 namespace korvex {
@@ -13,16 +14,8 @@ namespace {
 
 constexpr int self_expanded_line = 773;
 constexpr std::int32_t pass_over_evaluations = 1024;
-constexpr std::uint32_t cache_line = 64;
-constexpr std::uint32_t max_prefetched_bytes = 1024;
 
 std::atomic<std::uint64_t> evaluations_of_process{0};
-
-inline void prefetch_range(const void* address, std::uint32_t bytes) {
-  const char* const first = static_cast<const char*>(address);
-  for (std::uint32_t offset = 0; offset < bytes; offset += cache_line)
-    __builtin_prefetch(first + offset);
-}
 
 // One walk. Keys order everything: the metric's direction was applied where a distance came in.
 class graph_walk {
@@ -38,12 +31,10 @@ class graph_walk {
         report_(*report),
         vectors_(runtime_.store[vector_store]->manager()),
         graphs_(runtime_.store[graph_store]->manager()),
-        distance_(runtime_.distance_function.load(std::memory_order_acquire)),
+        scorer_(runtime_),
         direction_(runtime_.direction.load(std::memory_order_relaxed)),
-        dimension_(runtime_.dimension),
         neighbour_count_(runtime_.neighbour_count),
         beam_size_(static_cast<std::uint32_t>(std::max(session->beam, 1))),
-        prefetched_bytes_(std::min(runtime_.vector_bytes, max_prefetched_bytes)),
         querying_(session->mode != 0) {}
 
   void run(std::uint32_t entry_id) {
@@ -97,10 +88,6 @@ class graph_walk {
                                        : nullptr;
   }
 
-  float key_to(const float* vector) const {
-    return key_of(direction_, distance_(node_.vector, vector, dimension_));
-  }
-
   bool report_missing(std::uint32_t id) const {
     KORVEX_LOG("*** BUG *** null buffer for id: %u\n", id);
     return false;
@@ -117,7 +104,7 @@ class graph_walk {
     }
     const float* const vector = vector_at(entry_id);
     if (vector == nullptr) return report_missing(entry_id);
-    best_ = key_to(vector);
+    best_ = key_of(direction_, scorer_.score(node_.vector, vector));
     if (repeats(best_)) {
       session_.duplicate = entry_id;
       session_.duplicate_was_hidden =
@@ -187,6 +174,7 @@ class graph_walk {
     }
     if (graph.slot(0) == 0 && !is_seed(hnsw_, id)) return report_waiting(id, graph);
     hops_ = static_cast<std::uint16_t>(chosen.hops + 1);
+    expect_next();
     for (std::uint32_t slot = 0; slot < neighbour_count_;) {
       slot = gather(graph, slot);
       if (!score()) return false;
@@ -202,30 +190,46 @@ class graph_walk {
     return false;
   }
 
-  // Collects neighbours from slot `first` on that this walk meets for the first time and asks for
-  // their memory: all of a hop's cache misses are under way before the first distance is computed.
-  // The slot to go on from.
+  // The record of the candidate that comes next unless this hop finds a nearer one.
+  void expect_next() {
+    const std::uint32_t next = beam_.first_unexpanded();
+    next_key_ = next < beam_.size() ? beam_[next].key : largest_float;
+    if (next < beam_.size()) prefetch_graph(beam_[next].id);
+  }
+
+  void prefetch_graph(std::uint32_t id) const {
+    if (id < vector_count(graphs_))
+      prefetch_range(vector_get(graphs_, id),
+                     static_cast<std::uint32_t>((neighbour_count_ + 1) * sizeof(std::uint32_t)));
+  }
+
+  // Collects neighbours from slot `first` on that this walk meets for the first time. The slot to
+  // go on from.
   std::uint32_t gather(const graph_record& graph, std::uint32_t first) {
+    const std::uint32_t end = std::min(first + gather_capacity, neighbour_count_);
+    std::uint32_t slot = first;
     gathered_count_ = 0;
-    for (std::uint32_t i = first; i < neighbour_count_; ++i) {
-      if (gathered_count_ == gather_capacity) return i;
-      const std::uint32_t id = graph.slot(i);
+    for (; slot < end; ++slot) {
+      const std::uint32_t id = graph.slot(slot);
       if (id == 0) break;
-      if (id == node_.id || bitstore_set(session_.visited, id) != 0) continue;
-      const float* const vector = vector_at(id);
-      if (vector != nullptr) prefetch_range(vector, prefetched_bytes_);
-      gathered_[gathered_count_++] = {id, vector};
+      gathered_[gathered_count_] = id;
+      gathered_count_ += id != node_.id && bitstore_set(session_.visited, id) == 0 ? 1 : 0;
     }
-    return neighbour_count_;
+    return slot < end ? neighbour_count_ : end;
   }
 
   bool score() {
-    for (std::uint32_t i = 0; i < gathered_count_; ++i) {
+    std::uint32_t known = 0;
+    while (known < gathered_count_ && (rows_[known] = vector_at(gathered_[known])) != nullptr)
+      ++known;
+    scorer_.score(node_.vector, rows_, known, distances_);
+    for (std::uint32_t i = 0; i < known; ++i) {
       ++report_.evaluations;
-      if (gathered_[i].vector == nullptr) return report_missing(gathered_[i].id);
-      if (!offer(gathered_[i].id, key_to(gathered_[i].vector))) return false;
+      if (!offer(gathered_[i], key_of(direction_, distances_[i]))) return false;
     }
-    return true;
+    if (known == gathered_count_) return true;
+    ++report_.evaluations;
+    return report_missing(gathered_[known]);
   }
 
   // Takes a candidate into the beam unless it cannot matter. False ends the walk.
@@ -240,9 +244,10 @@ class graph_walk {
                           beam_.back().id, static_cast<int>(beam_.size()));
       return false;
     }
-    if (id < vector_count(graphs_))
-      prefetch_range(vector_get(graphs_, id),
-                     static_cast<std::uint32_t>((neighbour_count_ + 1) * sizeof(std::uint32_t)));
+    if (key <= next_key_) {
+      next_key_ = key;
+      prefetch_graph(id);
+    }
     return key >= best_ || improve(key);
   }
 
@@ -272,11 +277,6 @@ class graph_walk {
   }
 
   static constexpr std::uint32_t gather_capacity = 64;
-  struct gathered {
-    std::uint32_t id;
-    const float* vector;
-  };
-
   hnsw_s* const hnsw_;
   const korvex_runtime_s& runtime_;
   korvex_session_s& session_;
@@ -286,21 +286,22 @@ class graph_walk {
   walk_report& report_;
   const vector_manager_s* const vectors_;
   const vector_manager_s* const graphs_;
-  const distance_kernel distance_;
+  const row_scorer scorer_;
   const float direction_;
-  const std::uint32_t dimension_;
   const std::uint32_t neighbour_count_;
   const std::uint32_t beam_size_;
-  const std::uint32_t prefetched_bytes_;
   const bool querying_;
   bool removes_duplicates_ = false;
   bool radius_active_ = false;
   bool filled_ = false;
   float bound_ = largest_float;
   float best_ = largest_float;
+  float next_key_ = largest_float;  // of the candidate that is expected to be expanded next
   std::uint16_t hops_ = 0;
   std::uint32_t gathered_count_ = 0;
-  gathered gathered_[gather_capacity];
+  std::uint32_t gathered_[gather_capacity];
+  const float* rows_[gather_capacity];
+  float distances_[gather_capacity];
 };
 
 void load_beam(const korvex_nbrs_s& nbrs, walk_beam* beam) {

@@ -47,6 +47,7 @@ struct direct_scratch {
   walk_beam nearest;  // of all probes, at most k + 1
   std::unique_ptr<float[]> query;
   std::unique_ptr<float[]> unit;
+  float magnitude = 0;  // of the query
 };
 
 std::shared_ptr<direct_scratch> take_scratch(korvex_runtime_s& runtime) {
@@ -178,13 +179,15 @@ class direct_query {
     korvex_expand_vector(hnsw_, scratch_.query.get());
     if (hnsw_->normalize != 0)
       normalize_vector(scratch_.query.get(), scratch_.query.get(), runtime_.dimension);
-    normalize_vector(scratch_.query.get(), scratch_.unit.get(), runtime_.dimension);
+    scratch_.magnitude =
+        normalize_vector(scratch_.query.get(), scratch_.unit.get(), runtime_.dimension);
   }
 
   std::uint32_t entry_of(std::uint32_t probe) const {
     vector_hash_node_s query;
     query.query = scratch_.query.get();
     query.vector = scratch_.unit.get();
+    query.aux = scratch_.magnitude;
     vector_hash_node_s answer;
     vector_hash_search(runtime_.hash[probe], &query, &answer);
     const std::uint32_t seed = probe_seed(hnsw_, probe);

@@ -103,7 +103,7 @@ void take_query(hnsw_s* hnsw, korvex_search_ctx_s* session, const float* v) {
   std::memcpy(query, v, hnsw->vector_bytes);
   korvex_expand_vector(hnsw, query);
   if (hnsw->normalize != 0) normalize_vector(query, query, dimension);
-  normalize_vector(query, session->prepared, dimension);
+  session->query_magnitude = normalize_vector(query, session->prepared, dimension);
 }
 
 bool stopped(const hnsw_s* hnsw) {

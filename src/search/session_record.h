@@ -58,6 +58,7 @@ struct korvex_search_ctx_s {
   std::uint64_t reserved;
   float* prepared;  // the query at unit length
   float query_norm;
+  float query_magnitude;
   std::uint32_t ef;
   std::uint32_t k;
   std::uint32_t in_progress;

@@ -125,6 +125,7 @@ std::uint32_t search_worker::entry_of(const korvex_search_ctx_s* session,
   vector_hash_node_s query;
   query.query = session->node.vector;
   query.vector = session->prepared;
+  query.aux = session->query_magnitude;
   vector_hash_node_s answer;
   vector_hash_search(hnsw_->runtime->hash[probe], &query, &answer);
   const std::uint32_t seed = probe_seed(hnsw_, probe);

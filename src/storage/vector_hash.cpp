@@ -80,6 +80,33 @@ scan_result scan_stars(const vector_hash_s* vh, vector_hash_star_s* slots, std::
   return found;
 }
 
+constexpr std::uint32_t scan_chunk = 128;
+
+// As scan_stars in search mode, a chunk of the array at a time.
+scan_result scan_chunks(const vector_hash_s* vh, vector_hash_star_s* slots, std::uint32_t width,
+                        vector_hash_node_s* node) {
+  scan_result found;
+  std::uint32_t ids[scan_chunk];
+  float distances[scan_chunk];
+  std::uint32_t count = scan_chunk;
+  while (count == scan_chunk) {
+    const std::uint32_t end = std::min(width - found.used, scan_chunk);
+    for (count = 0; count < end; ++count) {
+      ids[count] = load(slots[found.used + count].id, std::memory_order_acquire);
+      if (ids[count] == 0) break;
+    }
+    vh->scan(vh->ctx, ids, count, node, distances);
+    for (std::uint32_t i = 0; i < count; ++i) {
+      if (!(distances[i] < found.distance)) continue;
+      found.nearest = &slots[found.used + i];
+      found.nearest_id = ids[i];
+      found.distance = distances[i];
+    }
+    found.used += count;
+  }
+  return found;
+}
+
 void clear_answer(vector_hash_node_s* answer) {
   answer->id = 0;
   answer->placed = answer->placed2 = 0;
@@ -176,7 +203,9 @@ void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring,
       KORVEX_LOG("*** BUG *** null l for ep->lid %u\n", lid);
       return;
     }
-    const scan_result found = scan_stars(vh, slots, width, query, vector_hash_mode_search);
+    const scan_result found = vh->scan != nullptr
+                                  ? scan_chunks(vh, slots, width, query)
+                                  : scan_stars(vh, slots, width, query, vector_hash_mode_search);
     if (found.nearest == nullptr) return;
     if (found.distance < answer->best) {
       answer->best = found.distance;
@@ -296,6 +325,10 @@ vector_hash_s* vector_hash_init(int dim, int anchor_len, unsigned width, vectpoo
   return new (blocks.record.data) vector_hash_s(fresh);
 }
 
+void vector_hash_set_scan(vector_hash_s* vh, vector_hash_scan_fn scan) {
+  vh->scan = scan;
+}
+
 void vector_hash_destroy(vector_hash_s* vh, persistent_malloc_s* pm) {
   if (vh == nullptr) return;
   delete vh->l2;
@@ -307,6 +340,7 @@ void vector_hash_destroy(vector_hash_s* vh, persistent_malloc_s* pm) {
   vh->ctx = nullptr;
   vh->l2 = nullptr;
   vh->l2_fn = nullptr;
+  vh->scan = nullptr;
   release(pm, blocks);
 }
 

@@ -17,8 +17,9 @@ struct vector_hash_node_s {
   const float* query = nullptr;   // what the distance function compares in search mode
   const float* vector = nullptr;  // unit-length, for the anchor; in add mode for stars too
   float best = 0;                 // answer: distance of the nearest star, or of the anchor
-  float aux = 0;                  // of an added point; every ring keeps the range it has seen
-  std::uint32_t placed = 0;       // answer: the added point became a star
+  float aux = 0;  // of an added point: every ring keeps the range it has seen; of a query its
+                  // magnitude, where the distance function wants it
+  std::uint32_t placed = 0;  // answer: the added point became a star
   std::uint32_t placed2 = 0;
   std::int32_t ring = 0;        // answer
   std::int32_t ring_count = 0;  // answer of a search, from here on
@@ -35,6 +36,12 @@ enum vector_hash_mode : int { vector_hash_mode_search = 0, vector_hash_mode_add 
 //               damaged file. NaN counts as infinitely far.
 // Threads       called by searching threads and the adding thread at once.
 using vector_hash_distance_fn = float (*)(void* ctx, unsigned id, vector_hash_node_s* n, int mode);
+
+// The same in search mode for many stars at once. Of a star that is provably no nearer than another
+// of the same call any value not below that one's will do.
+// Parameters    `out` takes `count` distances.
+using vector_hash_scan_fn = void (*)(void* ctx, const std::uint32_t* ids, std::uint32_t count,
+                                     vector_hash_node_s* n, float* out);
 
 // A star. Arrays of them fill from index 0; the first id 0 ends an array.
 // Stored: never change the layout.
@@ -94,7 +101,7 @@ struct vector_hash_s {
   float (*l2_fn)(const float* a, const float* b, std::size_t n);
   std::int32_t arrays;  // star arrays allocated so far
   std::int32_t stars;   // stars placed so far
-  std::uint64_t reserved;
+  vector_hash_scan_fn scan;
 };
 
 static_assert(sizeof(vector_hash_star_s) == 8, "star arrays are blocks of a store file");
@@ -112,6 +119,9 @@ static_assert(offsetof(vector_hash_s, arrays) == 88);
 vector_hash_s* vector_hash_init(int dim, int anchor_len, unsigned width, vectpool_c* pool,
                                 persistent_malloc_s* pm, long long base_key,
                                 vector_hash_distance_fn distance, void* ctx);
+
+// Lets searches compare whole star arrays at once. Before the first search; null: one by one.
+void vector_hash_set_scan(vector_hash_s* vh, vector_hash_scan_fn scan);
 
 // Releases what the process holds for the hash; blocks of an index file stay in it. `pm` is the
 // allocator that the hash came from. Null is ignored.

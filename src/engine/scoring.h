@@ -1,0 +1,64 @@
+#ifndef KORVEX_ENGINE_SCORING_H
+#define KORVEX_ENGINE_SCORING_H
+
+#include <algorithm>
+#include <cstdint>
+
+#include "engine/runtime.h"
+
+namespace korvex {
+
+inline void prefetch_range(const void* address, std::uint32_t bytes) {
+  constexpr std::uint32_t cache_line = 64;
+  const char* const first = static_cast<const char*>(address);
+  for (std::uint32_t offset = 0; offset < bytes; offset += cache_line)
+    __builtin_prefetch(first + offset);
+}
+
+// Raw distances of one query to stored vectors all over the memory: a few rows ahead are on their
+// way to the cache while four at a time are compared.
+class row_scorer {
+ public:
+  explicit row_scorer(const korvex_runtime_s& runtime)
+      : one_(runtime.distance_function.load(std::memory_order_acquire)),
+        four_(runtime.distance_batch.load(std::memory_order_relaxed)),
+        dimension_(runtime.dimension),
+        prefetched_bytes_(std::min(runtime.vector_bytes, max_prefetched_bytes)) {}
+
+  void prefetch(const float* row) const { prefetch_range(row, prefetched_bytes_); }
+
+  // rows: `count` addresses, none null. out: `count` distances, in their order.
+  void score(const float* query, const float* const* rows, std::uint32_t count, float* out) const {
+    for (std::uint32_t i = 0; i < std::min(lead, count); ++i) prefetch(rows[i]);
+    for (std::uint32_t i = 0; i < count; i += 4) {
+      const std::uint32_t ahead = std::min(i + lead + 4, count);
+      for (std::uint32_t j = i + lead; j < ahead; ++j) prefetch(rows[j]);
+      score_fetched(query, rows + i, std::min(count - i, 4u), out + i);
+    }
+  }
+
+  // The same for rows that the caller has asked for.
+  void score_fetched(const float* query, const float* const* rows, std::uint32_t count,
+                     float* out) const {
+    std::uint32_t i = 0;
+    for (; i + 4 <= count; i += 4) four_(query, rows + i, dimension_, out + i);
+    for (; i < count; ++i) out[i] = one_(query, rows[i], dimension_);
+  }
+
+  float score(const float* query, const float* row) const { return one_(query, row, dimension_); }
+
+ private:
+  // More would not be under way at once: a core keeps track of a dozen or two missing cache lines,
+  // and the processor itself goes on reading ahead of the first kilobyte.
+  static constexpr std::uint32_t lead = 8;
+  static constexpr std::uint32_t max_prefetched_bytes = 1024;
+
+  const distance_kernel one_;
+  const distance_batch4_kernel four_;
+  const std::uint32_t dimension_;
+  const std::uint32_t prefetched_bytes_;
+};
+
+}  // namespace korvex
+
+#endif  // KORVEX_ENGINE_SCORING_H
