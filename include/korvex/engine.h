@@ -17,7 +17,9 @@
 // Failures   a null record or pointer yields the failure value of the function and changes nothing.
 //            Nothing is thrown.
 // Threads    options: the thread that creates the index, before the first addition or session.
-//            Everything else: any thread at any time, unless it says otherwise.
+//            Everything else: any thread at any time, unless it says otherwise. A call that is under
+//            way when another thread gives the index up ends with its failure value or its result;
+//            none may begin later.
 
 #if defined(_WIN32) || defined(__CYGWIN__)
 #if defined(KORVEX_STATIC)
@@ -53,9 +55,9 @@ enum {
 // path or the files do not serve.
 KORVEX_ENGINE_API hnsw_s* korvex_init(uint32_t dimension, uint8_t instance_id,
                                       const char* base_path, const char* name);
-// Stops and releases an index from korvex_init within 110 ms. No other call on the record may be
-// under way, those of sessions included, or follow; may be called from a callback of the index. Not
-// for records that belong to a Korvex object.
+// Stops and releases an index from korvex_init within 110 ms. Calls that are under way keep what
+// they use until they return, and end early; none may follow, those of sessions included. May be
+// called from a callback of the index. Not for records that belong to a Korvex object.
 KORVEX_ENGINE_API void korvex_free(hnsw_s* index);
 // Builds the stores now instead of at the first addition or session. 0, or -1 when memory or disk
 // do not suffice.
@@ -64,71 +66,168 @@ KORVEX_ENGINE_API int korvex_init_memory(hnsw_s* index);
 // time. 0 or -1.
 KORVEX_ENGINE_API int korvex_sync_to_disk(hnsw_s* index, unsigned min_interval);
 
+typedef struct korvex_description_s {
+  uint32_t size;  // bytes of this record, set by the caller: newer libraries fill more
+  uint32_t dimension;
+  int32_t metric;       // KORVEX_DISTANCE_...; 0 until the first addition unless it was set
+  int32_t normalize;    // 1: unit copies are stored
+  uint32_t labels;      // 0 or 1
+  uint32_t attributes;  // 0 or 1
+  uint32_t probes;      // pattern probes
+  uint32_t constellation;
+  uint32_t radius;   // candidates while building
+  uint32_t added;    // vectors that additions returned
+  uint32_t on_disk;  // 0 or 1
+} korvex_description_s;
+// What an open index was made with. 0 or -1.
+KORVEX_ENGINE_API int korvex_describe(hnsw_s* index, korvex_description_s* description);
+// The same of an index in files, without opening it: also of one that is in use. Arguments as of
+// korvex_init. 0, 1 when there is none, or -1 when there is one that cannot be read.
+KORVEX_ENGINE_API int korvex_inspect(uint8_t instance_id, const char* base_path, const char* name,
+                                     korvex_description_s* description);
+
+typedef struct korvex_estimate_s {
+  uint64_t memory_bytes;  // resident when all vectors are in; on disk: with every file cached
+  uint64_t disk_bytes;    // taken by the files; 0 in memory
+} korvex_estimate_s;
+// What an index of `vectors` vectors like the described one will take. Reads dimension, labels,
+// attributes, probes, constellation (0: the defaults) and on_disk. 0 or -1.
+KORVEX_ENGINE_API int korvex_estimate(const korvex_description_s* description, uint64_t vectors,
+                                      korvex_estimate_s* estimate);
+
+// The distance kernels that this machine gets; static.
+KORVEX_ENGINE_API const char* korvex_kernels(void);
+// "0.1.0"; static.
+KORVEX_ENGINE_API const char* korvex_version(void);
+
+// --- The log of the process ---
+
+// Called for every line on the log's own thread, one call at a time. `line` ends in a newline and
+// lives for the call. May not change the sink.
+typedef void (*korvex_log_fn)(void* context, const char* line);
+// Sends the lines of all indexes to `sink` in place of standard output; a null sink drops them. On
+// return the sink before is not called any more. 0 or -1.
+KORVEX_ENGINE_API int korvex_set_log_sink(korvex_log_fn sink, void* context);
+// Back to a file descriptor, 1 at first; it stays the caller's. 0 or -1.
+KORVEX_ENGINE_API int korvex_set_log_descriptor(int descriptor);
+// Waits until every line so far was delivered. 0, 1 when timeout_ms passed first, -1 without a log.
+KORVEX_ENGINE_API int korvex_wait_log(int timeout_ms);
+
 // --- Options ---
 
-KORVEX_ENGINE_API void korvex_validate_parameters(hnsw_s* index, int value);  // default 1
-// Indexing; 0: link inside korvex_add.
+// 1 (default): vectors and queries that are not finite are refused, and sessions look at 2 x k
+// candidates at least.
+KORVEX_ENGINE_API void korvex_validate_parameters(hnsw_s* index, int value);
+// Indexing threads, default: processors - 1, at least 4. 0: link inside korvex_add.
 KORVEX_ENGINE_API void korvex_set_threads(hnsw_s* index, int threads);
+// Search threads of sessions, default: processors; queued queries before korvex_search waits,
+// default twice as many.
 KORVEX_ENGINE_API void korvex_set_search_threads(hnsw_s* index, int threads, int queue_limit);
-// Default 128; 0 is ignored.
+// Stored, default 128; 0 is ignored.
 KORVEX_ENGINE_API void korvex_set_parallel_search_jobs(hnsw_s* index, int jobs);
-// Pattern probes 1..16, default 2.
+// Pattern probes 1..16, default 2; below 1 is ignored, more count as 16. Each is a graph of its own
+// with its share of the vectors: linking is spread, a search walks all of them.
 KORVEX_ENGINE_API void korvex_set_partitions(hnsw_s* index, int probes);
+// Vectors a storage block, default 1,000,000; flag is stored.
 KORVEX_ENGINE_API void korvex_set_alloc_units(hnsw_s* index, unsigned vectors, int flag);
 // Disk cache; below 100: per cent of the memory. 1, or 0 after one line for an index in memory.
 KORVEX_ENGINE_API int korvex_set_max_ram_usage(hnsw_s* index, uint64_t bytes);
 // Plan with this instead of the system's.
 KORVEX_ENGINE_API void korvex_available_memory(hnsw_s* index, uint64_t bytes);
-// A 64-bit label for every vector.
+// A 64-bit label for every vector, default off; 8 bytes a vector.
 KORVEX_ENGINE_API void korvex_enable_label(hnsw_s* index, int enable);
+// Room for a 64-bit attribute of every vector, default off. Nothing reads it yet.
 KORVEX_ENGINE_API void korvex_enable_attributes(hnsw_s* index, int enable);
+// Large pages where the system grants them, default off. What is stored, 0 or 1.
 KORVEX_ENGINE_API int korvex_enable_huges_pages(hnsw_s* index, int enable);
+// -1 (default): none.
 KORVEX_ENGINE_API void korvex_set_numa_node(hnsw_s* index, int node);
 // Default squared L2; an unknown number changes nothing.
 KORVEX_ENGINE_API void korvex_set_distance_type(hnsw_s* index, int type);
-// 1: unit copies are stored and searched
+// 1: unit copies are stored and searched; default 0.
 KORVEX_ENGINE_API void korvex_set_normalize(hnsw_s* index, int normalize);
-// Default 16; lists hold twice as many.
+// Constellation size, default 16; neighbour lists hold twice as many. 0.
 KORVEX_ENGINE_API int korvex_set_neighbors_count(hnsw_s* index, int count);
-// Candidates while building, default 100.
+// Candidates while building, default 100. 0.
 KORVEX_ENGINE_API int korvex_set_radius(hnsw_s* index, int radius);
+// While mode and option are non-zero, a vector within `threshold` of one that is already there is
+// hidden and not linked.
 KORVEX_ENGINE_API void korvex_set_duplicate_threshold(hnsw_s* index, int mode, float threshold,
                                                       int option);
-// Bloom filter of indexed vectors
+// Bloom filter of indexed vectors, default off.
 KORVEX_ENGINE_API void korvex_enable_index_check(hnsw_s* index, int enable);
 // On disk only: korvex_free deletes every *.korvex file of the index's directory, those of other
 // indexes there included.
 KORVEX_ENGINE_API int korvex_destroy_disk_index(hnsw_s* index, int destroy);
-// Creates "log_nimbra-<threads>.txt" in the current directory; its descriptor, or -1.
+// Replaces the directory that the stores will lie in; the index file stays where korvex_init put
+// it. Null: none.
+KORVEX_ENGINE_API void korvex_set_disk_index(hnsw_s* index, const char* directory);
+// Creates "log_nimbra-<threads>.txt" in the current directory; its descriptor, or -1. The index
+// stores descriptor and flag, and writes nothing to it.
 KORVEX_ENGINE_API int korvex_init_log(hnsw_s* index, int enabled);
+// One line: the counters "max search count" and "nid".
 KORVEX_ENGINE_API void korvex_print_debug_info(hnsw_s* index);
 // The cache of recent answers: 0 off; 1 (default) nearly equal queries share answers, components
 // count as whole numbers; 2 only an identical query is answered from it. 0, or -1 for another mode.
 // Any time.
 KORVEX_ENGINE_API int korvex_set_result_cache(hnsw_s* index, int mode);
+// These do nothing; they are part of the contract.
+KORVEX_ENGINE_API void korvex_set_debug_id(hnsw_s* index, unsigned id, int value);
+KORVEX_ENGINE_API void korvex_set_mips_mode(hnsw_s* index);
+KORVEX_ENGINE_API void korvex_set_norms_mode(hnsw_s* index);
+KORVEX_ENGINE_API void korvex_build_graph(hnsw_s* index);
+KORVEX_ENGINE_API void korvex_build_optimize(hnsw_s* index);
 
 // --- Vectors ---
 
-// The public id, or 0 on failure (0 is also the first id). Searches that start later see the
-// vector.
+// Adds a copy of a vector of `dimension` floats, with its label when labels are on. The public id,
+// or 0 on failure (0 is also the first id). Searches that start later see the vector.
 KORVEX_ENGINE_API uint32_t korvex_add(hnsw_s* index, const float* vector, uint64_t label);
+// The same, with failure told apart: 0 and *id (may be null), or -1 and nothing changed.
+KORVEX_ENGINE_API int korvex_try_add(hnsw_s* index, const float* vector, uint64_t label,
+                                     uint32_t* id);
+// `count` vectors row after row, without labels. *first and *last are what the first and the last
+// addition returned. Other threads' additions may come in between.
 KORVEX_ENGINE_API void korvex_add_multiple(hnsw_s* index, const float* vectors, int count,
                                            uint32_t* first, uint32_t* last);
 KORVEX_ENGINE_API int korvex_has_finish_adding(hnsw_s* index);
 KORVEX_ENGINE_API void korvex_wait_finish_adding(hnsw_s* index);
+// The same for at most timeout_ms and without lines in the log. 1: all that was added before the
+// call is linked; 0: the time passed, or the index is given up; -1 without an index.
+KORVEX_ENGINE_API int korvex_wait_linked(hnsw_s* index, uint64_t timeout_ms);
+
+typedef struct korvex_counts_s {
+  uint32_t size;    // bytes of this record, set by the caller: newer libraries fill more
+  uint32_t added;   // vectors that additions returned
+  uint32_t live;    // of them, neither deleted nor hidden as duplicates
+  uint32_t linked;  // of them, those whose linking is over
+} korvex_counts_s;
+// A glance: constant time. 0 or -1.
+KORVEX_ENGINE_API int korvex_get_counts(hnsw_s* index, korvex_counts_s* counts);
+
 // Hides a vector from all results, or shows it again. 0, or -1 for an id that does not exist.
 KORVEX_ENGINE_API int korvex_delete(hnsw_s* index, uint32_t id, int undelete);
+// Flag bits of a vector: 1 its label is a host's pointer, 2 deleted, 4 duplicate. 1 when any bit of
+// `mask` is set, 0 when none is or the id does not exist.
 KORVEX_ENGINE_API int korvex_is_flag_set_internal(hnsw_s* index, uint32_t internal_id, int mask);
 // Labels: 0 while they are off or the id does not exist. Setting one also undeletes; returns the
 // label before.
 KORVEX_ENGINE_API uint64_t korvex_get_label(hnsw_s* index, uint32_t id);
 KORVEX_ENGINE_API uint64_t korvex_set_label(hnsw_s* index, uint32_t id, uint64_t label);
-// In place of the label.
+// Changes the label alone: a deleted vector stays deleted. 0, or -1 while labels are off or for an
+// id that does not exist.
+KORVEX_ENGINE_API int korvex_change_label(hnsw_s* index, uint32_t id, uint64_t label);
+// A pointer of the host in place of the label; korvex_get_label returns it.
 KORVEX_ENGINE_API void korvex_set_data(hnsw_s* index, uint32_t id, void* data, int unused);
 // Always 0; asks the Bloom filter in passing.
 KORVEX_ENGINE_API int korvex_is_indexed(hnsw_s* index, const float* vector);
-// Raw distance between a stored vector and one given.
+// Raw distance between a stored vector and one given; the farthest value of the metric when one is
+// missing.
 KORVEX_ENGINE_API float korvex_get_distance_ext(hnsw_s* index, uint32_t id, const float* vector);
+KORVEX_ENGINE_API float korvex_get_distance_internal(hnsw_s* index, uint32_t internal_id,
+                                                     const float* vector);
+// Between two given vectors.
+KORVEX_ENGINE_API float korvex_get_distance(hnsw_s* index, const float* a, const float* b);
 // Copies a stored vector of `dimension` floats. 0, or -1 for an id that does not exist.
 KORVEX_ENGINE_API int korvex_get_vector(hnsw_s* index, uint32_t id, float* out);
 
@@ -181,6 +280,24 @@ KORVEX_ENGINE_API korvex_result_ids_s* korvex_search_result_ids(hnsw_s* index, u
 KORVEX_ENGINE_API korvex_result_dists_s* korvex_search_result_dists(hnsw_s* index, uint32_t sid,
                                                                     int copy);
 
+// --- Bulk search ---
+
+// Many queries through a few sessions. The record is opaque and serves one batch at a time.
+typedef struct korvex_bulk_search_s korvex_bulk_search_s;
+// Null when memory is short.
+KORVEX_ENGINE_API korvex_bulk_search_s* korvex_bulk_search_alloc(void);
+// Waits for a running batch, not on the thread of its callback; before the index is given up.
+KORVEX_ENGINE_API void korvex_bulk_search_free(korvex_bulk_search_s* bulk);
+// n queries row after row; they are copied. With a callback it returns at once and the callback
+// comes once, when all are answered; without one it returns when most are. k below 1 means 10. 0 or
+// KORVEX_FAILED.
+KORVEX_ENGINE_API uint32_t korvex_bulk_search(hnsw_s* index, korvex_bulk_search_s* bulk,
+                                              const float* vectors, int n, int radius, int k,
+                                              korvex_result_callback_fn callback, const void* data);
+// Waits for the whole batch; the rows live until the next batch. Null for a null record.
+KORVEX_ENGINE_API korvex_bulk_results_s* korvex_bulk_search_results(hnsw_s* index,
+                                                                    korvex_bulk_search_s* bulk);
+
 // --- Direct search ---
 
 // Excludes a public id when it returns non-zero; label is 0 while labels are off. Called on the
@@ -196,7 +313,8 @@ typedef struct korvex_direct_options_s {
   size_t allowed_count;
   const uint64_t* allowed_bits;  // bit id % 64 of word id / 64 allows an id; null: all
   size_t allowed_bit_count;      // ids from here on are not allowed
-  uint64_t deadline_ms;          // for the whole call, 0: none; rows behind it come back empty
+  // For the whole call, 0: none. The row it meets holds what was found, those behind it are empty.
+  uint64_t deadline_ms;
 } korvex_direct_options_s;
 
 // Answers n queries on the calling thread: no queue, no callback, no result cache. All pattern
@@ -206,9 +324,12 @@ typedef struct korvex_direct_options_s {
 // Units    raw distances of the metric
 // Order    nearest first; a row with fewer than k hits ends in (KORVEX_NO_ID, NaN), counts[i] tells
 //          how many are real
-// Filters  excluded vectors still lead the walk on; when few are allowed they are scanned exactly
-// Result   n, or -1: null pointers, k < 1, a query that is not finite while parameters are
-//          validated, no memory
+// Filters  excluded vectors still lead the walk on. When few are allowed, or the walk finds fewer
+//          than it should, the allowed ones are scanned exactly: a row is short only when no more
+//          vectors are allowed
+// Result   rows answered before the deadline, all n without one; or -1: null pointers, k < 1 or
+//          above 16,777,216, a query that is not finite while parameters are validated, no memory,
+//          index given up
 // Threads  any number at once, beside additions; sees every addition that returned before the call
 KORVEX_ENGINE_API int64_t korvex_search_direct(hnsw_s* index, const float* queries, size_t n, int k,
                                                const korvex_direct_options_s* options,

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "api/instance_registry.h"
 #include "engine/record.h"
@@ -85,9 +84,6 @@ class KorvexImpl final : public Korvex {
   std::atomic<std::uint32_t> keep_registration_{1};
   std::atomic<KorvexIndexListener*> index_listener_{nullptr};
   std::uint32_t instance_id_ = 0;
-
-  // Held around additions while nothing has been added; whoever holds it keeps it alive.
-  const std::shared_ptr<std::mutex> first_addition_ = std::make_shared<std::mutex>();
 };
 
 // The engine's ready notice, with the index object as its context.

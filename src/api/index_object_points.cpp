@@ -8,30 +8,6 @@
 // Adding and deleting vectors.
 namespace korvex {
 
-namespace {
-
-// 0 is both the first id and the failure value; only who adds alone can tell them apart. So
-// additions exclude each other while nothing has been added; later ones, such as those of a
-// listener that the first one calls, do not ask.
-class first_addition {
- public:
-  first_addition(const hnsw_s* base, std::shared_ptr<std::mutex> mutex) : mutex_(std::move(mutex)) {
-    if (load_counter(base->added) != 0) return;
-    lock_ = std::unique_lock(*mutex_);
-    if (load_counter(base->added) != 0) lock_.unlock();
-  }
-  // Whether an addition that returned 0 within this object's life has succeeded.
-  bool succeeded(const hnsw_s* base) const {
-    return lock_.owns_lock() && load_counter(base->added) != 0;
-  }
-
- private:
-  std::shared_ptr<std::mutex> mutex_;
-  std::unique_lock<std::mutex> lock_;
-};
-
-}  // namespace
-
 // An addition may link and then calls the ready listener, which may destroy the index: the claim
 // keeps the engine's half, and nothing of this object is used after the additions.
 
@@ -41,12 +17,8 @@ unsigned KorvexImpl::addVector(const float* vector, int, unsigned long long labe
     return 0;
   }
   hnsw_s* const base = base_;
-  return with_open_index(base->runtime, "addVector", 0u, [&] {
-    const first_addition first(base, first_addition_);
-    const std::uint32_t id = korvex_add(base, vector, label);
-    if (id != 0 || first.succeeded(base)) korvex_set_label(base, id, label);
-    return id;
-  });
+  return with_open_index(base->runtime, "addVector", 0u,
+                         [&] { return korvex_add(base, vector, label); });
 }
 
 unsigned long long KorvexImpl::addVectors(const float* vectors, int count, int) {
@@ -57,7 +29,6 @@ unsigned long long KorvexImpl::addVectors(const float* vectors, int count, int) 
   }
   hnsw_s* const base = base_;
   return with_open_index(base->runtime, "addVectors", 0ull, [&] {
-    const first_addition alone(base, first_addition_);
     std::uint32_t first = 0;
     std::uint32_t last = 0;
     korvex_add_multiple(base, vectors, count, &first, &last);

@@ -29,6 +29,10 @@ int korvex_has_finish_adding(hnsw_s* hnsw);
 // down. At once on an indexing thread of the index, which would wait for itself.
 void korvex_wait_finish_adding(hnsw_s* hnsw);
 
+// The same without a line in the log, for at most timeout_ms. False when the time passed first or
+// the index is being torn down.
+bool korvex_wait_linked(hnsw_s* hnsw, std::uint64_t timeout_ms);
+
 // Fires the ready notice when it is due; once, until a new callback is set.
 void korvex_notify_ready(hnsw_s* hnsw);
 

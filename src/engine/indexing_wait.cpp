@@ -72,6 +72,12 @@ void sleep_while_linking(hnsw_s* hnsw, std::uint32_t last, std::uint64_t ms) {
            hnsw->runtime->running_threads.load() != 0);
 }
 
+void keep_linking(hnsw_s* hnsw) {
+  const korvex_runtime_s& runtime = *hnsw->runtime;
+  if (runtime.running_threads.load() == 0) korvex_launch_threads(hnsw, runtime.indexing_threads);
+  if (runtime.running_threads.load() == 0) link_on_caller(hnsw);
+}
+
 }  // namespace
 
 int korvex_has_finish_adding(hnsw_s* hnsw) {
@@ -93,12 +99,33 @@ void korvex_wait_finish_adding(hnsw_s* hnsw) {
   runtime.stop_adding.store(1);
   progress_estimate estimate(hnsw);
   while (!indexing_is_stopping(hnsw) && !linked_up_to(hnsw, last)) {
-    if (runtime.running_threads.load() == 0) korvex_launch_threads(hnsw, runtime.indexing_threads);
-    if (runtime.running_threads.load() == 0) link_on_caller(hnsw);
+    keep_linking(hnsw);
     sleep_while_linking(hnsw, last, estimate.next_sleep_ms());
   }
   KORVEX_LOG("index adding finished\n");
   print_memory_usage_change(log_fp(), "after index: ", hnsw->memory_usage, take_memory_usage());
+}
+
+bool korvex_wait_linked(hnsw_s* hnsw, std::uint64_t timeout_ms) {
+  if (hnsw == nullptr || !is_started(hnsw)) return hnsw != nullptr;
+  korvex_runtime_s& runtime = *hnsw->runtime;
+  const std::uint32_t last = load_counter(hnsw->added);
+  if (is_indexing_thread(runtime) || linked_up_to(hnsw, last)) return true;
+  if (runtime.indexing_threads == 0) {
+    if (any_cut_off(runtime)) link_on_caller(hnsw);
+    return true;
+  }
+  runtime.stop_adding.store(1);
+  const std::uint64_t begin = platform::time_ms();
+  while (!indexing_is_stopping(hnsw)) {
+    const std::uint64_t passed = platform::time_ms() - begin;
+    if (passed >= timeout_ms) return false;
+    keep_linking(hnsw);
+    const std::uint64_t step_ms = passed < 10 ? 1 : 50;
+    sleep_while_linking(hnsw, last, std::min(step_ms, timeout_ms - passed));
+    if (linked_up_to(hnsw, last)) return true;
+  }
+  return false;
 }
 
 }  // namespace korvex

@@ -22,12 +22,15 @@ constexpr int bad_entry_line = 1827;
 // One addition, under the insert lock.
 class insertion {
  public:
-  insertion(hnsw_s* hnsw, const float* v) : hnsw_(hnsw), runtime_(*hnsw->runtime), v_(v) {}
+  insertion(hnsw_s* hnsw, const float* v, std::uint64_t label)
+      : hnsw_(hnsw), runtime_(*hnsw->runtime), v_(v), label_(label) {}
 
-  std::uint32_t run() {
+  std::uint32_t public_id() const { return id_ - 1; }
+
+  bool run() {
     std::atomic_ref(hnsw_->clean_close).store(0, std::memory_order_relaxed);
-    if (!allocate()) return 0;
-    if (!store_vector()) return 0;
+    if (!allocate()) return false;
+    if (!store_vector()) return false;
     const bool is_first_of_probe = choose_probe();
     if (is_first_of_probe) {
       make_seed();
@@ -37,7 +40,7 @@ class insertion {
       hand_over();
     }
     remember();
-    return id_ - 1;
+    return true;
   }
 
  private:
@@ -89,7 +92,9 @@ class insertion {
     runtime_.last_magnitude =
         normalize_vector(stored_, runtime_.unit_scratch.get(), hnsw_->dimension);
     *static_cast<float*>(record_of(runtime_, magnitude_store, id_)) = runtime_.last_magnitude;
-    std::atomic_ref<std::uint8_t>(*flags_of(runtime_, id_)).store(0);
+    clear_flags(runtime_, id_, 0xFF);
+    if (runtime_.labels)
+      *static_cast<std::uint64_t*>(record_of(runtime_, label_store, id_)) = label_;
     return true;
   }
 
@@ -138,11 +143,11 @@ class insertion {
   }
 
   // The id keeps its place in the order, hidden and never linked.
-  std::uint32_t refuse_linking() {
+  bool refuse_linking() {
     set_flags(runtime_, id_, flag_deleted);
     graph_.set_slot(3, unlinkable_marker);
     publish();
-    return 0;
+    return false;
   }
 
   void make_seed() {
@@ -178,6 +183,7 @@ class insertion {
   hnsw_s* const hnsw_;
   korvex_runtime_s& runtime_;
   const float* const v_;
+  const std::uint64_t label_;
   float* stored_ = nullptr;
   graph_record graph_;
   std::uint32_t id_ = 0;
@@ -196,24 +202,31 @@ bool all_finite(const float* v, std::uint32_t dimension) {
   return sum == 0.0f;
 }
 
-std::uint32_t korvex_add(hnsw_s* hnsw, const float* v, std::uint64_t) {
-  if (hnsw == nullptr || v == nullptr) return 0;
+bool korvex_try_add(hnsw_s* hnsw, const float* v, std::uint64_t label, std::uint32_t* id) {
+  if (hnsw == nullptr || v == nullptr) return false;
   if (hnsw->validate_parameters != 0 && !all_finite(v, hnsw->dimension)) {
     KORVEX_LOG_CRITICAL("a vector with components that are not finite was refused\n");
-    return 0;
+    return false;
   }
   korvex_runtime_s& runtime = *hnsw->runtime;
   runtime.multi_done.store(0);
   runtime.stop_adding.store(0);
   korvex_init_memory(hnsw);
-  std::uint32_t id = 0;
+  bool added = false;
   {
     std::lock_guard lock(runtime.insert_lock);
-    id = insertion(hnsw, v).run();
+    insertion addition(hnsw, v, label);
+    added = addition.run();
+    if (added && id != nullptr) *id = addition.public_id();
   }
   // Linked by this thread: the host may add from its callback, so no lock is held.
   if (runtime.indexing_threads == 0) korvex_notify_ready(hnsw);
-  return id;
+  return added;
+}
+
+std::uint32_t korvex_add(hnsw_s* hnsw, const float* v, std::uint64_t label) {
+  std::uint32_t id = 0;
+  return korvex_try_add(hnsw, v, label, &id) ? id : 0;
 }
 
 void korvex_add_multiple(hnsw_s* hnsw, const float* v, int n, std::uint32_t* first,

@@ -41,13 +41,30 @@ void graph_record::clear_handover() {
 
 std::uint8_t set_flags(const korvex_runtime_s& runtime, std::uint32_t id, std::uint8_t bits) {
   std::uint8_t* const flags = flags_of(runtime, id);
-  return flags == nullptr ? std::uint8_t{0} : std::atomic_ref<std::uint8_t>(*flags).fetch_or(bits);
+  if (flags == nullptr) return 0;
+  const std::uint8_t before = std::atomic_ref<std::uint8_t>(*flags).fetch_or(bits);
+  if ((before & flags_hidden) == 0 && (bits & flags_hidden) != 0) runtime.hidden.fetch_add(1);
+  return before;
 }
 
 std::uint8_t clear_flags(const korvex_runtime_s& runtime, std::uint32_t id, std::uint8_t bits) {
   std::uint8_t* const flags = flags_of(runtime, id);
   if (flags == nullptr) return 0;
-  return std::atomic_ref<std::uint8_t>(*flags).fetch_and(static_cast<std::uint8_t>(~bits));
+  const auto kept = static_cast<std::uint8_t>(~bits);
+  const std::uint8_t before = std::atomic_ref<std::uint8_t>(*flags).fetch_and(kept);
+  if ((before & flags_hidden) != 0 && (before & kept & flags_hidden) == 0)
+    runtime.hidden.fetch_sub(1);
+  return before;
+}
+
+void count_hidden(hnsw_s* hnsw) {
+  const std::uint32_t added = load_counter(hnsw->added);
+  std::uint32_t hidden = 0;
+  for (std::uint32_t id = 1; id <= added; ++id) {
+    const std::uint8_t* const flags = flags_of(*hnsw->runtime, id);
+    hidden += flags != nullptr && (*flags & flags_hidden) != 0 ? 1 : 0;
+  }
+  hnsw->runtime->hidden.store(hidden);
 }
 
 int korvex_is_flag_set_internal(hnsw_s* hnsw, std::uint32_t id, int mask) {
@@ -77,6 +94,14 @@ std::uint64_t korvex_set_label(hnsw_s* hnsw, std::uint32_t id, std::uint64_t lab
   const std::uint64_t before = std::atomic_ref<std::uint64_t>(*word).exchange(label);
   clear_flags(*hnsw->runtime, id + 1, flag_data | flag_deleted);
   return before;
+}
+
+bool korvex_change_label(hnsw_s* hnsw, std::uint32_t id, std::uint64_t label) {
+  if (!labels_on(hnsw) || id >= load_counter(hnsw->added)) return false;
+  std::uint64_t* const word = label_word(hnsw, id);
+  if (word == nullptr) return false;
+  std::atomic_ref<std::uint64_t>(*word).store(label);
+  return true;
 }
 
 void korvex_set_data(hnsw_s* hnsw, std::uint32_t id, void* data, int) {

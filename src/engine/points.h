@@ -59,6 +59,8 @@ inline std::uint8_t* flags_of(const korvex_runtime_s& runtime, std::uint32_t id)
 // Sets or clears bits of a point's flags; the value before. 0 when the record is missing.
 std::uint8_t set_flags(const korvex_runtime_s& runtime, std::uint32_t id, std::uint8_t bits);
 std::uint8_t clear_flags(const korvex_runtime_s& runtime, std::uint32_t id, std::uint8_t bits);
+// Counts the runtime's `hidden` anew. While nobody else changes flags.
+void count_hidden(hnsw_s* hnsw);
 
 // 1 when any bit of `mask` is set for the internal id; 0 when the record is missing.
 int korvex_is_flag_set_internal(hnsw_s* hnsw, std::uint32_t id, int mask);
@@ -69,6 +71,9 @@ std::uint32_t* korvex_get_list(hnsw_s* hnsw, std::uint32_t id);
 // Labels and deletion take public ids (internal id - 1). Threads: beside everything else.
 std::uint64_t korvex_get_label(hnsw_s* hnsw, std::uint32_t id);
 std::uint64_t korvex_set_label(hnsw_s* hnsw, std::uint32_t id, std::uint64_t label);
+// Stores the label and leaves everything else as it is. False while labels are off or the id does
+// not exist.
+bool korvex_change_label(hnsw_s* hnsw, std::uint32_t id, std::uint64_t label);
 void korvex_set_data(hnsw_s* hnsw, std::uint32_t id, void* data, int unused);
 int korvex_delete(hnsw_s* hnsw, std::uint32_t id, int undelete);
 

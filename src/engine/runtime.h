@@ -87,6 +87,9 @@ struct korvex_runtime_s {
   int32find_s vmapg{};
   bool vmapg_ready = false;
 
+  // Points among 1..added that are deleted or duplicates; follows every change of their flags.
+  mutable std::atomic<std::uint32_t> hidden{0};
+
   // Direction and kernel follow the metric; changed under startup_lock.
   std::atomic<float> direction{1.0f};
   std::atomic<distance_kernel> distance_function{nullptr};

@@ -133,6 +133,7 @@ class startup {
     print_startup_memory(hnsw_);
     reserve_node_zero();
     korvex_repair(hnsw_);
+    count_hidden(hnsw_);
     keep_shape(hnsw_);
   }
 

@@ -16,7 +16,10 @@ std::uint64_t disk_bytes(const hnsw_s* hnsw) {
   std::uint64_t bytes = 0;
   for (const platform::directory_entry& entry : platform::list_directory(hnsw->directory)) {
     const bool own = entry.name == name + ".korvex" || entry.name.starts_with(name + "-");
-    if (own && entry.regular && entry.name.ends_with(".korvex")) bytes += entry.size;
+    if (!own || !entry.regular || !entry.name.ends_with(".korvex")) continue;
+    const std::string path = std::string(hnsw->directory) + "/" + entry.name;
+    const std::uint64_t allocated = platform::allocated_bytes(path.c_str());
+    bytes += allocated != 0 ? allocated : entry.size;
   }
   return bytes;
 }

@@ -13,7 +13,7 @@ struct index_statistics {
   std::uint32_t duplicates = 0;  // hidden because they repeat another
   std::uint32_t unlinked = 0;
   std::uint64_t memory_bytes = 0;  // of the records handed out, in all stores
-  std::uint64_t disk_bytes = 0;    // lengths of the index's files in its directory; 0 in memory
+  std::uint64_t disk_bytes = 0;    // that the index's files take on disk; 0 in memory
 };
 
 // Looks at the flags of every point.

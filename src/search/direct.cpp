@@ -1,8 +1,6 @@
 #include "search/direct.h"
 
 #include <algorithm>
-#include <bit>
-#include <cmath>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -12,13 +10,11 @@
 #include "engine/distances.h"
 #include "engine/indexing.h"
 #include "engine/insertion.h"
-#include "engine/points.h"
-#include "engine/runtime.h"
 #include "engine/startup.h"
 #include "engine/walk.h"
 #include "runtime/log.h"
 #include "runtime/platform/clock.h"
-#include "runtime/random.h"
+#include "search/direct_selection.h"
 #include "storage/vector_hash.h"
 
 namespace korvex {
@@ -28,12 +24,16 @@ namespace {
 constexpr unsigned visited_bits = 1'000'000;
 constexpr std::uint32_t no_id = 0xFFFFFFFFu;
 constexpr std::int64_t max_candidates = 1 << 24;
-constexpr std::uint32_t share_samples = 1'000;
-// A walk evaluates a few points for each candidate that it keeps; asking a filter costs a fraction
-// of an evaluation.
-constexpr double evaluations_per_candidate = 4.0;
-constexpr double filter_cost = 0.2;
 constexpr std::uint32_t scan_batch = 16;
+constexpr std::uint32_t scan_steps_between_looks = 1'024;
+constexpr std::uint64_t never = ~std::uint64_t{0};
+
+// What a walk and a scan cost, in distance evaluations. A walk evaluates a few points for each
+// candidate that it keeps and moves half of its sorted candidates for each that comes in; a scan
+// asks about an id for a fraction of an evaluation. Measured by bench/filters.
+constexpr double evaluations_per_candidate = 5.0;
+constexpr double moves_per_candidate_squared = 0.004;
+constexpr double cost_of_asking = 0.1;
 
 struct bitstore_deleter {
   void operator()(bitstore_s* bits) const { bitstore_free(bits); }
@@ -70,108 +70,39 @@ void give_back(korvex_runtime_s& runtime, std::shared_ptr<direct_scratch> scratc
   runtime.idle_scratch.push_back(std::move(scratch));
 }
 
-// Which points may be answers.
-class selection {
- public:
-  selection(hnsw_s* hnsw, const direct_options& options, bitstore_s* listed)
-      : hnsw_(hnsw), options_(options), listed_(listed), points_(load_counter(hnsw->added)) {
-    bitstore_reset(listed_);
-    for (std::size_t i = 0; options.allowed_ids != nullptr && i < options.allowed_count; ++i)
-      if (options.allowed_ids[i] < points_) bitstore_set(listed_, options.allowed_ids[i]);
-    if (!everything()) measure();
-  }
-
-  bool everything() const {
-    return options_.filter == nullptr && options_.allowed_ids == nullptr &&
-           options_.allowed_bits == nullptr;
-  }
-  std::uint32_t points() const { return points_; }
-
-  bool allows(std::uint32_t id) const {
-    const std::uint32_t public_id = id - 1;
-    if (options_.allowed_ids != nullptr && bitstore_is_set(listed_, public_id) == 0) return false;
-    if (options_.allowed_bits != nullptr &&
-        (public_id >= options_.allowed_bit_count ||
-         (options_.allowed_bits[public_id / 64] >> (public_id % 64) & 1) == 0))
-      return false;
-    if (options_.filter == nullptr) return true;
-    const std::uint64_t label = hnsw_->runtime->labels ? korvex_get_label(hnsw_, public_id) : 0;
-    return options_.filter(options_.filter_context, public_id, label) == 0;
-  }
-
-  // Candidates that a walk must keep to find as many allowed ones among them.
-  std::uint32_t widened(std::uint32_t ef) const {
-    if (everything()) return ef;
-    return static_cast<std::uint32_t>(
-        std::min(static_cast<double>(ef) / share_, static_cast<double>(points_) + 1));
-  }
-
-  bool scanning_is_cheaper(std::uint32_t ef) const {
-    if (everything()) return false;
-    const double asked =
-        options_.filter != nullptr && options_.allowed_ids == nullptr ? filter_cost * points_ : 0;
-    return asked + share_ * points_ <= evaluations_per_candidate * widened(ef);
-  }
-
-  // `seen` is scratch: a list may name an id twice.
-  template <typename F>
-  void for_each_allowed(bitstore_s* seen, F&& visit) const {
-    if (options_.allowed_ids != nullptr) {
-      bitstore_reset(seen);
-      for (std::size_t i = 0; i < options_.allowed_count; ++i) {
-        const std::uint32_t public_id = options_.allowed_ids[i];
-        if (public_id < points_ && bitstore_set(seen, public_id) == 0 && allows(public_id + 1))
-          visit(public_id + 1);
-      }
-      return;
-    }
-    for (std::uint32_t id = 1; id <= points_; ++id)
-      if (allows(id)) visit(id);
-  }
-
- private:
-  void measure() {
-    std::uint32_t hits = 0;
-    const std::uint32_t samples = std::min(share_samples, points_);
-    for (std::uint32_t i = 0; i < samples; ++i)
-      hits += allows(1 + random_u32_max(points_ - 1)) ? 1 : 0;
-    share_ = samples == 0 ? 1.0 : static_cast<double>(hits) / samples;
-    // Too rare for the sample: below one in its size.
-    share_ = std::max(share_, 0.5 / static_cast<double>(share_samples));
-  }
-
-  hnsw_s* const hnsw_;
-  const direct_options& options_;
-  bitstore_s* const listed_;
-  const std::uint32_t points_;
-  double share_ = 1.0;
-};
-
-// One query.
+// The queries of one call, one after another.
 class direct_query {
  public:
-  direct_query(hnsw_s* hnsw, direct_scratch* scratch, const selection& allowed, std::uint32_t ef,
-               std::uint32_t k)
+  direct_query(hnsw_s* hnsw, direct_scratch* scratch, const direct_selection& allowed,
+               std::uint32_t ef, std::uint32_t k, std::uint64_t end_ns, direct_way way)
       : hnsw_(hnsw),
         runtime_(*hnsw->runtime),
         scratch_(*scratch),
         allowed_(allowed),
         ef_(ef),
-        k_(k) {}
+        k_(k),
+        end_ns_(end_ns),
+        way_(way) {}
 
+  // False when memory is short. Otherwise the answer is in the scratch's `nearest`, and in_time()
+  // tells whether it is whole.
   bool run(const float* query) {
     prepare(query);
     if (!scratch_.nearest.reset(k_ + 1)) return false;
-    if (allowed_.scanning_is_cheaper(ef_)) {
-      scan();
-      return true;
+    cut_off_ = late();
+    if (cut_off_ || allowed_.points() == 0) return true;
+    double beam = std::min(ef_ / allowed_.share(), allowed_.points() + 1.0);
+    for (; walk_is_cheaper(beam); beam = std::min(4 * beam, allowed_.points() + 1.0)) {
+      scratch_.nearest.reset(k_ + 1);
+      bool whole = false;
+      if (!walk_probes(static_cast<std::uint32_t>(beam), &whole)) return false;
+      if (whole || beam > allowed_.points()) return scan_unless_complete();
     }
-    const std::uint32_t probes = std::min(load_counter(hnsw_->probes_made), runtime_.probe_count);
-    shared_bound_s shared{largest_float};
-    for (std::uint32_t probe = 0; probe < probes; ++probe)
-      if (!walk(probe, probes > 1 ? &shared : nullptr)) return false;
+    scratch_.nearest.reset(k_ + 1);
+    scan();
     return true;
   }
+  bool in_time() const { return !cut_off_; }
 
  private:
   void prepare(const float* query) {
@@ -181,6 +112,65 @@ class direct_query {
       normalize_vector(scratch_.query.get(), scratch_.query.get(), runtime_.dimension);
     scratch_.magnitude =
         normalize_vector(scratch_.query.get(), scratch_.unit.get(), runtime_.dimension);
+  }
+
+  // Past the deadline, or the index is being given up.
+  bool late() const {
+    return load_counter(hnsw_->stop_searching) != 0 ||
+           (end_ns_ != never && platform::monotonic_ns() >= end_ns_);
+  }
+
+  std::uint32_t probes() const {
+    return std::min(load_counter(hnsw_->probes_made), runtime_.probe_count);
+  }
+  bool walk_is_cheaper(double beam) const {
+    return way_ == direct_way::cheaper ? walk_cost(beam) < scan_cost() : way_ == direct_way::walk;
+  }
+  double walk_cost(double beam) const {
+    return probes() * beam * (evaluations_per_candidate + moves_per_candidate_squared * beam);
+  }
+  double scan_cost() const {
+    return allowed_.scanned_ids() * cost_of_asking + allowed_.share() * allowed_.points();
+  }
+
+  // *whole: the answers lie well inside of what the walks kept. Where the allowed points are rarer
+  // than elsewhere they do not, and the best of them may have been missed.
+  bool walk_probes(std::uint32_t beam, bool* whole) {
+    shared_bound_s shared{largest_float};
+    *whole = true;
+    for (std::uint32_t probe = 0; probe < probes(); ++probe)
+      if (!walk(probe, beam, probes() > 1 ? &shared : nullptr, whole)) return false;
+    return true;
+  }
+
+  bool walk(std::uint32_t probe, std::uint32_t beam, shared_bound_s* shared, bool* whole) {
+    walk_beam& found = scratch_.beam;
+    if (!found.reset(beam + runtime_.neighbour_count + 1)) return false;
+    bitstore_reset(scratch_.visited.get());
+    korvex_session_s session{};
+    session.mode = 1;
+    session.beam = static_cast<std::int32_t>(beam);
+    session.visited = scratch_.visited.get();
+    walk_report report;
+    walk_graph(hnsw_, &session, &found, {0, scratch_.query.get()}, entry_of(probe), shared,
+               &report);
+    if (!take_allowed() && found.size() >= beam) *whole = false;
+    return true;
+  }
+
+  // Moves the nearest allowed points from the walk's to the query's. False when they ran out, or
+  // came as late as nowhere would be expected.
+  bool take_allowed() {
+    const walk_beam& found = scratch_.beam;
+    std::uint32_t taken = 0;
+    for (std::uint32_t i = 0; i < found.size(); ++i) {
+      if (scratch_.nearest.size() == k_ && found[i].key >= scratch_.nearest.back().key) return true;
+      if (!allowed_.allows(found[i].id)) continue;
+      keep(found[i].key, found[i].id);
+      if (++taken < k_) continue;
+      return allowed_.share() == 1.0 || i < found.size() / 4 || i < 2.0 * found.size() * k_ / ef_;
+    }
+    return false;
   }
 
   std::uint32_t entry_of(std::uint32_t probe) const {
@@ -194,132 +184,141 @@ class direct_query {
     return usable_entry(hnsw_, answer.id != 0 ? answer.id : seed, seed);
   }
 
-  bool walk(std::uint32_t probe, shared_bound_s* shared) {
-    const std::uint32_t beam = allowed_.widened(ef_);
-    if (!scratch_.beam.reset(beam + runtime_.neighbour_count + 1)) return false;
-    bitstore_reset(scratch_.visited.get());
-    korvex_session_s session{};
-    session.mode = 1;
-    session.beam = static_cast<std::int32_t>(beam);
-    session.visited = scratch_.visited.get();
-    if (!allowed_.everything()) {
-      session.pass_rejected = true;
-      session.filter_context = const_cast<selection*>(&allowed_);
-      session.filter = [](void* context, unsigned id, int) {
-        return static_cast<const selection*>(context)->allows(id) ? 0 : 1;
-      };
-    }
-    walk_report report;
-    walk_graph(hnsw_, &session, &scratch_.beam, {0, scratch_.query.get()}, entry_of(probe), shared,
-               &report);
-    for (std::uint32_t i = 0, taken = 0; i < scratch_.beam.size() && taken < k_; ++i) {
-      const walk_beam::entry& found = scratch_.beam[i];
-      if ((found.marks & walk_beam::rejected) != 0 || hidden(found.id)) continue;
-      keep(found.key, found.id);
-      ++taken;
-    }
+  // Points that no walk reaches are found all the same when the row would stay short without them.
+  bool scan_unless_complete() {
+    if (scratch_.nearest.size() >= k_ || allowed_.surely_fewer_than(scratch_.nearest.size() + 1))
+      return true;
+    cut_off_ = late();
+    if (cut_off_) return true;
+    scratch_.nearest.reset(k_ + 1);
+    scan();
     return true;
   }
 
-  bool hidden(std::uint32_t id) const {
-    return korvex_is_flag_set_internal(hnsw_, id, flags_hidden) != 0;
+  bool kept(float key, std::uint32_t id) const {
+    const walk_beam& nearest = scratch_.nearest;
+    for (std::uint32_t i = nearest.size(); i-- > 0 && nearest[i].key >= key;)
+      if (nearest[i].id == id) return true;
+    return false;
   }
 
   void keep(float key, std::uint32_t id) {
     walk_beam& nearest = scratch_.nearest;
     if (nearest.size() == k_ && key >= nearest.back().key) return;
+    if (kept(key, id)) return;
     nearest.insert(key, id, 0);
     if (nearest.size() > k_) nearest.pop_back();
   }
 
   void scan() {
-    std::uint32_t batch[scan_batch];
-    std::uint32_t count = 0;
-    const auto score = [&] {
-      const distance_kernel distance = runtime_.distance_function.load(std::memory_order_acquire);
-      const float direction = runtime_.direction.load(std::memory_order_relaxed);
-      for (std::uint32_t i = 0; i < count; ++i)
-        keep(key_of(direction, distance(scratch_.query.get(), vector_of(runtime_, batch[i]),
-                                        runtime_.dimension)),
-             batch[i]);
-      count = 0;
-    };
+    std::uint32_t steps = 0;
+    batch_count_ = 0;
     allowed_.for_each_allowed(scratch_.visited.get(), [&](std::uint32_t id) {
-      if (hidden(id)) return;
+      if (++steps % scan_steps_between_looks == 0 && late()) {
+        cut_off_ = true;
+        return false;
+      }
       const char* const vector = reinterpret_cast<const char*>(vector_of(runtime_, id));
       for (std::uint32_t offset = 0; offset < std::min<std::uint32_t>(runtime_.vector_bytes, 1024);
            offset += 64)
         __builtin_prefetch(vector + offset);
-      batch[count++] = id;
-      if (count == scan_batch) score();
+      batch_[batch_count_++] = id;
+      if (batch_count_ == scan_batch) score();
+      return true;
     });
     score();
+  }
+
+  void score() {
+    const distance_kernel distance = runtime_.distance_function.load(std::memory_order_acquire);
+    const float direction = runtime_.direction.load(std::memory_order_relaxed);
+    for (std::uint32_t i = 0; i < batch_count_; ++i)
+      keep(key_of(direction, distance(scratch_.query.get(), vector_of(runtime_, batch_[i]),
+                                      runtime_.dimension)),
+           batch_[i]);
+    batch_count_ = 0;
   }
 
   hnsw_s* const hnsw_;
   const korvex_runtime_s& runtime_;
   direct_scratch& scratch_;
-  const selection& allowed_;
+  const direct_selection& allowed_;
   const std::uint32_t ef_;
   const std::uint32_t k_;
+  const std::uint64_t end_ns_;
+  const direct_way way_;
+  bool cut_off_ = false;
+  std::uint32_t batch_count_ = 0;
+  std::uint32_t batch_[scan_batch];
 };
 
-void write_row(const korvex_runtime_s& runtime, const walk_beam& nearest, std::size_t k,
-               std::uint32_t* ids, float* distances, std::uint32_t* count) {
-  const float direction = runtime.direction.load(std::memory_order_relaxed);
-  for (std::uint32_t i = 0; i < nearest.size(); ++i) {
-    ids[i] = nearest[i].id - 1;
-    if (distances != nullptr) distances[i] = direction * nearest[i].key;
+// The caller's buffers; k columns.
+struct answer_rows {
+  std::size_t k;
+  std::uint32_t* ids;
+  float* distances;
+  std::uint32_t* counts;
+
+  void write(std::size_t row, const walk_beam* nearest, float direction) const {
+    const std::size_t found = nearest != nullptr ? nearest->size() : 0;
+    std::uint32_t* const row_ids = ids + row * k;
+    std::fill(row_ids + found, row_ids + k, no_id);
+    for (std::uint32_t i = 0; i < found; ++i) row_ids[i] = (*nearest)[i].id - 1;
+    if (counts != nullptr) counts[row] = static_cast<std::uint32_t>(found);
+    if (distances == nullptr) return;
+    float* const row_distances = distances + row * k;
+    std::fill(row_distances + found, row_distances + k, std::numeric_limits<float>::quiet_NaN());
+    for (std::uint32_t i = 0; i < found; ++i) row_distances[i] = direction * (*nearest)[i].key;
   }
-  std::fill(ids + nearest.size(), ids + k, no_id);
-  if (distances != nullptr)
-    std::fill(distances + nearest.size(), distances + k, std::numeric_limits<float>::quiet_NaN());
-  if (count != nullptr) *count = nearest.size();
-}
+};
 
 std::uint32_t candidates(const hnsw_s* hnsw, int radius, int k) {
   const std::int64_t ef = std::max<std::int64_t>({k, radius, hnsw->runtime->neighbour_count});
   return static_cast<std::uint32_t>(std::min(ef, max_candidates));
 }
 
-}  // namespace
-
-namespace {
+// Rows answered in time, or -1. Rows behind them are written as empty, or with what was found.
+std::int64_t answer_all(hnsw_s* hnsw, const float* queries, std::size_t n, std::uint32_t k,
+                        const direct_options& options, std::uint64_t end_ns,
+                        const answer_rows& rows, direct_scratch* scratch) {
+  const direct_selection allowed(hnsw, options, scratch->allowed.get());
+  const std::uint32_t useful = std::max(std::min(k, allowed.points()), 1u);
+  const int radius = options.radius;
+  direct_query query(hnsw, scratch, allowed, candidates(hnsw, radius, static_cast<int>(useful)),
+                     useful, end_ns, options.way);
+  const float direction = hnsw->runtime->direction.load(std::memory_order_relaxed);
+  std::int64_t answered = 0;
+  bool in_time = true;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (in_time && !query.run(queries + i * hnsw->dimension)) return -1;
+    rows.write(i, in_time ? &scratch->nearest : nullptr, direction);
+    in_time = in_time && query.in_time();
+    answered += in_time ? 1 : 0;
+  }
+  return load_counter(hnsw->stop_searching) == 0 ? answered : -1;
+}
 
 std::int64_t search(hnsw_s* hnsw, const float* queries, std::size_t n, int k,
-                    const direct_options* options, std::uint32_t* ids, float* distances,
-                    std::uint32_t* counts) {
-  if (hnsw == nullptr || queries == nullptr || ids == nullptr || k < 1 || k > max_candidates)
-    return -1;
-  const direct_options chosen = options != nullptr ? *options : direct_options{};
+                    const direct_options& options, const answer_rows& rows) {
   if (hnsw->validate_parameters != 0)
     for (std::size_t i = 0; i < n; ++i)
       if (!all_finite(queries + i * hnsw->dimension, hnsw->dimension)) return -1;
   runtime_use use(hnsw->runtime);
   if (!use || !korvex_try_init_memory(hnsw)) return -1;
   korvex_runtime_s& runtime = *hnsw->runtime;
+  const std::uint64_t begin = platform::monotonic_ns();
   const std::uint64_t end =
-      chosen.deadline_ms != 0 ? platform::time_ms() + chosen.deadline_ms : ~std::uint64_t{0};
-  korvex_wait_finish_adding(hnsw);
+      options.deadline_ms == 0 || options.deadline_ms > (never - begin) / 1'000'000
+          ? never
+          : begin + options.deadline_ms * 1'000'000;
+  if (!korvex_wait_linked(hnsw, options.deadline_ms == 0 ? never : options.deadline_ms)) {
+    for (std::size_t i = 0; i < n; ++i) rows.write(i, nullptr, 1.0f);
+    return load_counter(hnsw->stop_searching) == 0 ? 0 : -1;
+  }
   std::shared_ptr<direct_scratch> scratch = take_scratch(runtime);
   if (scratch == nullptr) return -1;
-  const selection allowed(hnsw, chosen, scratch->allowed.get());
-  direct_query query(hnsw, scratch.get(), allowed, candidates(hnsw, chosen.radius, k),
-                     static_cast<std::uint32_t>(k));
-  std::int64_t answered = 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    const std::size_t row = i * static_cast<std::size_t>(k);
-    scratch->nearest.reset(1);
-    const bool late = end != ~std::uint64_t{0} && platform::time_ms() >= end;
-    if (!late && allowed.points() != 0 && !query.run(queries + i * hnsw->dimension)) {
-      answered = -1;
-      break;
-    }
-    write_row(runtime, scratch->nearest, static_cast<std::size_t>(k), ids + row,
-              distances != nullptr ? distances + row : nullptr,
-              counts != nullptr ? counts + i : nullptr);
-    ++answered;
-  }
+  const std::int64_t answered = answer_all(hnsw, queries, n, static_cast<std::uint32_t>(k), options,
+                                           end, rows, scratch.get());
   give_back(runtime, std::move(scratch));
   return answered;
 }
@@ -329,8 +328,11 @@ std::int64_t search(hnsw_s* hnsw, const float* queries, std::size_t n, int k,
 std::int64_t korvex_search_direct(hnsw_s* hnsw, const float* queries, std::size_t n, int k,
                                   const direct_options* options, std::uint32_t* ids,
                                   float* distances, std::uint32_t* counts) {
+  if (hnsw == nullptr || queries == nullptr || ids == nullptr || k < 1 || k > max_candidates)
+    return -1;
   try {
-    return search(hnsw, queries, n, k, options, ids, distances, counts);
+    return search(hnsw, queries, n, k, options != nullptr ? *options : direct_options{},
+                  {static_cast<std::size_t>(k), ids, distances, counts});
   } catch (const std::bad_alloc&) {
     KORVEX_LOG_CRITICAL("no memory for a direct search\n");
     return -1;

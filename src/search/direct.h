@@ -11,6 +11,9 @@ namespace korvex {
 // Excludes the public id when it returns non-zero. `label` is 0 while labels are off.
 using direct_filter = int (*)(void* context, std::uint32_t id, std::uint64_t label);
 
+// How a query with restrictions is answered. Measurements force one way.
+enum class direct_way { cheaper, walk, scan };
+
 struct direct_options {
   // candidates looked at, at least; k and the neighbour count are the lower limits
   std::int32_t radius = 0;
@@ -21,8 +24,9 @@ struct direct_options {
   // bit i of word i / 64 allows public id i; null: all
   const std::uint64_t* allowed_bits = nullptr;
   std::size_t allowed_bit_count = 0;  // ids from here on are not allowed
-  // for the whole call; 0: none. Queries behind it get what was found
+  // for the whole call; 0: none. The row it meets holds what was found, those behind it are empty
   std::uint64_t deadline_ms = 0;
+  direct_way way = direct_way::cheaper;
 };
 
 // Answers n queries on the calling thread: no queue, no callback, no result cache. All pattern
@@ -31,10 +35,12 @@ struct direct_options {
 //          distances and counts may be null
 // Units    raw distances of the metric
 // Order    nearest first; a row with fewer than k hits ends in (0xFFFFFFFF, NaN)
-// Filters  points that are excluded still lead the walk on. When few points are allowed they are
-//          scanned exactly.
-// Result   n, or -1: null pointers, k < 1, queries that are not finite while parameters are
-//          checked, no memory
+// Filters  points that are excluded still lead the walk on. When few are allowed, or the walk finds
+//          fewer than it should, the allowed ones are scanned: a row is short only when no more
+//          points are allowed
+// Result   rows answered before the deadline, all n without one; or -1: null pointers, k < 1,
+//          queries that are not finite while parameters are checked, no memory, index being torn
+//          down
 // Threads  any number at once, beside additions; sees every addition that returned before the call
 std::int64_t korvex_search_direct(hnsw_s* hnsw, const float* queries, std::size_t n, int k,
                                   const direct_options* options, std::uint32_t* ids,
