@@ -14,7 +14,7 @@ int main() {
   index.add_block(std::vector<float>{0.1f, 0.1f, 0.1f, 0.5f, 0.5f, 0.5f, 0.2f, 0.2f, 0.3f});
 
   // The two nearest, nearest first. A search sees everything that was added before it.
-  const std::vector<float> query = {0.15f, 0.2f, 0.3f};
+  const std::vector<float> query = {0.12f, 0.2f, 0.3f};
   for (const auto& [id, distance] : index.search(query, 2))
     std::printf("%u at %.4f\n", id, static_cast<double>(distance));
 

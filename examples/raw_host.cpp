@@ -8,10 +8,11 @@
 
 namespace {
 
-// Called on a thread of the library when the answer is there; filters what it is asked about.
+// Called on threads of the library: for each vector that might be an answer, and when the answer is
+// there.
 class listener : public KorvexQueryListener {
  public:
-  int onFilter(KorvexQuery*, unsigned id) override { return id % 2 == 1 ? 0 : 1; }  // odd ids only
+  int onFilter(KorvexQuery*, unsigned id) override { return id == 35 ? 1 : 0; }  // all but one
   int onResults(KorvexQuery* query) override {
     std::lock_guard lock(mutex_);
     const korvex_results_s* const found = query->getResults(0);
@@ -44,17 +45,19 @@ int main() {
   index->setDistanceType(Korvex::DISTANCE_L2_SQUARE);
   index->setPatternProbes(1);
   std::vector<float> points;
-  for (int i = 0; i < 50; ++i) points.insert(points.end(), {static_cast<float>(100 * i), 0.0f});
-  const unsigned long long ids = index->addVectors(points.data(), 50, 0);
+  for (int i = 0; i < 100; ++i)
+    points.insert(points.end(),
+                  {100.0f * static_cast<float>(i % 10), 100.0f * static_cast<float>(i / 10)});
+  const unsigned long long ids = index->addVectors(points.data(), 100, 0);
   std::printf("ids %u to %u\n", static_cast<unsigned>(ids), static_cast<unsigned>(ids >> 32));
   index->waitForIndexReady();
 
   listener answers;
   KorvexQuery* const query = index->createQuerySession(100, 4);
   query->setListener(&answers, 1);
-  const float wanted[2] = {2010.0f, 0.0f};
+  const float wanted[2] = {430.0f, 320.0f};
   if (query->query(wanted, 0, 4) != 0) return 1;
-  std::printf("nearest odd ids:");
+  std::printf("nearest:");
   for (const unsigned id : answers.wait()) std::printf(" %u", id);
   query->more();
   std::printf("\nand behind them:");

@@ -11,15 +11,18 @@ namespace {
 
 constexpr std::uint32_t default_constellation = 16;
 constexpr std::uint32_t default_probes = 2;
-// Star arrays of clustered data, measured: about so many slots a vector, whatever the probes.
-constexpr double star_slots_a_vector = 8.0;
-constexpr std::uint64_t index_file_bytes = 64 << 10;  // its used part: the record and the hashes
-constexpr std::uint64_t block_header_bytes = 64;
-constexpr std::uint64_t largest_reserve = 16 << 20;
+// Bytes of star arrays a vector, as clustered data take for arrays of full width; narrower ones are
+// used up better.
+constexpr double star_bytes_a_vector = 100.0;
+constexpr std::uint32_t full_star_width = 32;
 
-// A file's room runs ahead of its records.
+// Files take room in steps, and some ahead of their records.
+constexpr std::uint64_t file_step = 2 << 20;
+constexpr std::uint64_t most_ahead = 14 << 20;
+
 std::uint64_t file_bytes(std::uint64_t bytes) {
-  return bytes + block_header_bytes + std::min(bytes / 4, largest_reserve);
+  const std::uint64_t wanted = bytes + std::min(bytes / 4, most_ahead);
+  return (wanted / file_step + 1) * file_step;
 }
 
 }  // namespace
@@ -37,11 +40,10 @@ index_estimate estimate_index(const index_plan& plan) {
       1,
       plan.labels ? 8u : 0u,
       plan.attributes ? 8u : 0u,
-      // Narrow arrays are used up better than wide ones.
-      static_cast<std::uint64_t>(star_slots_a_vector * std::max(1.0, star_width(probes) / 16.0) /
-                                 2 * sizeof(vector_hash_star_s)),
+      static_cast<std::uint64_t>(star_bytes_a_vector * star_width(probes) / full_star_width),
   };
-  index_estimate sizes{0, plan.on_disk ? index_file_bytes : 0};
+  // On disk: the index file and the result cache.
+  index_estimate sizes{0, plan.on_disk ? 2 * file_step : 0};
   for (const std::uint64_t record_bytes : records) {
     if (record_bytes == 0) continue;
     sizes.memory_bytes += points * record_bytes;

@@ -187,11 +187,13 @@ TEST(Index, EstimatesWhatItWillTake) {
       EXPECT_NEAR(
           static_cast<double>(real.memory_bytes) / static_cast<double>(expected.memory_bytes), 1,
           0.25);
-      if (on_disk)
-        EXPECT_NEAR(static_cast<double>(real.disk_bytes) / static_cast<double>(expected.disk_bytes),
-                    1, 0.35);
-      else
+      if (on_disk) {
+        // Where files cannot be reserved they take no more than their records.
+        EXPECT_LE(real.disk_bytes, expected.disk_bytes * 1.1);
+        EXPECT_GE(real.disk_bytes, real.memory_bytes * 0.9);
+      } else {
         EXPECT_EQ(real.disk_bytes, 0u);
+      }
     }
   }
 }

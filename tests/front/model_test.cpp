@@ -49,10 +49,10 @@ class model {
 
 class run {
  public:
-  explicit run(metric chosen, int probes)
+  run(metric chosen, int probes, bool on_disk)
       : options_{.dimension = dimension,
                  .metric = chosen,
-                 .directory = scratch_.path(),
+                 .directory = on_disk ? scratch_.path() : std::filesystem::path(),
                  .labels = true,
                  .probes = probes,
                  .block_vectors = 128,
@@ -160,6 +160,7 @@ class run {
   }
 
   void reopen() {
+    if (options_.directory.empty()) return search();
     index_.close();
     index_ = index(options_);
     check();
@@ -179,7 +180,9 @@ TEST(Model, AnyMixOfOperationsAgrees) {
   const bool held = rc::check("an index agrees with its model", [&] {
     const auto chosen =
         *rc::gen::element(metric::l2_squared, metric::l2, metric::inner_product, metric::cosine);
-    run one(chosen, *rc::gen::inRange(1, 4));
+    // One in four has files: opening and closing them is what takes the time.
+    const bool on_disk = *rc::gen::weightedElement<bool>({{1, true}, {3, false}});
+    run one(chosen, *rc::gen::inRange(1, 4), on_disk);
     const int steps = *rc::gen::inRange(5, 60);
     for (int i = 0; i < steps; ++i) one.step();
     one.check();

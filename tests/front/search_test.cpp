@@ -27,7 +27,9 @@ TEST(Search, UnitVectorsOneAfterAnother) {
     ASSERT_EQ(found.size(), 10u);
     sum += recall(metric::cosine, found,
                   exact_nearest(metric::cosine, points, queries[q], 10, everyone));
-    if (q % 50 == 0) EXPECT_EQ(index.search(queries[q], 10, {.radius = 200}), found);
+    if (q % 50 == 0) {
+      EXPECT_EQ(index.search(queries[q], 10, {.radius = 200}), found);
+    }
   }
   EXPECT_GE(sum / 1000, 0.95);
 

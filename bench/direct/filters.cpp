@@ -2,15 +2,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
 #include <span>
 #include <vector>
 
-#include "engine/configuration.h"
-#include "engine/indexing.h"
-#include "engine/insertion.h"
+#include "direct/data.h"
 #include "engine/teardown.h"
-#include "runtime/log.h"
 #include "search/direct.h"
 
 // What filters cost: recall and time of direct searches that may answer with a share of the points only, by walking, by
@@ -32,20 +28,6 @@ struct data_set {
   std::vector<float> lots;  // of each point, uniform in [0, 1): a share s allows those below s
 };
 
-// 1,000 clusters, as wide as they are far apart.
-std::vector<float> make_mixture(std::size_t n, std::size_t dimension, unsigned seed) {
-  std::mt19937 layout(1), generator(seed);
-  std::normal_distribution<float> normal;
-  std::vector<float> centres(1000 * dimension), rows(n * dimension);
-  for (float& value : centres) value = normal(layout);
-  for (std::size_t i = 0; i < n; ++i) {
-    const float* const centre = &centres[generator() % 1000 * dimension];
-    for (std::size_t d = 0; d < dimension; ++d)
-      rows[i * dimension + d] = centre[d] + normal(generator);
-  }
-  return rows;
-}
-
 // The k-th nearest allowed point's distance for each query.
 std::vector<double> exact_limits(const data_set& data, double share) {
   std::vector<double> limits;
@@ -53,13 +35,8 @@ std::vector<double> exact_limits(const data_set& data, double share) {
     std::vector<double> all;
     for (std::size_t i = 0; i < data.n; ++i) {
       if (static_cast<double>(data.lots[i]) >= share) continue;
-      double sum = 0;
-      for (std::size_t d = 0; d < data.dimension; ++d) {
-        const double step = static_cast<double>(data.points[i * data.dimension + d]) -
-                            static_cast<double>(data.asked[q * data.dimension + d]);
-        sum += step * step;
-      }
-      all.push_back(sum);
+      all.push_back(squared_distance(&data.points[i * data.dimension],
+                                     &data.asked[q * data.dimension], data.dimension));
     }
     const std::size_t last = std::min<std::size_t>(k, all.size()) - 1;
     std::nth_element(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(last), all.end());
@@ -140,14 +117,8 @@ int run(int argc, char** argv) {
   for (std::size_t i = 0; i < data.n; ++i)
     data.lots.push_back(static_cast<float>(generator()) / 4294967296.0f);
 
-  hnsw_s* const index =
-      korvex_init(static_cast<std::uint32_t>(data.dimension), 0, nullptr, nullptr);
+  hnsw_s* const index = build_index(data.points, data.dimension, probes);
   if (index == nullptr) return 1;
-  log_setfd(0);
-  korvex_set_partitions(index, probes);
-  korvex_set_radius(index, 200);
-  for (std::size_t i = 0; i < data.n; ++i) korvex_add(index, &data.points[i * data.dimension], 0);
-  korvex_wait_finish_adding(index);
 
   std::printf(
       "%zu x %zu, %d probes, k %d, radius %d, %zu queries one by one, %d rounds, kernels %s\n",
