@@ -94,7 +94,7 @@ void print_row(hnsw_s* index, const data_set& data, double share) {
     for (const direct_way way : {direct_way::walk, direct_way::scan, direct_way::cheaper}) {
       direct_options options = *base;
       options.way = way;
-      if (way == direct_way::walk && share < 0.005) {
+      if (way == direct_way::walk && share < 0.02) {
         std::printf("            -        -");
         continue;
       }
