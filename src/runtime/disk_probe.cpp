@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <exception>
@@ -54,7 +55,7 @@ bool parse_figure(const char*& at, const char* end, double* figure) {
   while (at != end && std::strchr(" \t\r\n", *at) != nullptr) ++at;
   const auto [rest, error] = std::from_chars(at, end, *figure);
   at = rest;
-  return error == std::errc();
+  return error == std::errc() && std::isfinite(*figure) && *figure >= 0;
 }
 
 bool load_figures(const std::string& path, disk_iops_s* out) {

@@ -48,13 +48,23 @@ void log_damaged_block(persistent_block_fault fault, std::uint64_t offset) {
     KORVEX_LOG("corrupted header detected at offset %lu\n", static_cast<unsigned long>(offset));
 }
 
+// Reads a block that a chain leads to.
+persistent_block_fault read_linked(const persistent_malloc_s* allocator, std::uint64_t offset,
+                                   persistent_block_s* block) {
+  const auto fault =
+      persistent_read_block(allocator->base, allocator->header->used_size, offset, block);
+  if (fault != persistent_block_fault::none || allocator->places.contain(offset)) return fault;
+  return persistent_block_fault::bad_header;
+}
+
 // The newest block of that id, 0 when its chain has none or is damaged before it.
-std::uint64_t find_block(const persistent_header_s* header, std::uint64_t id) {
+std::uint64_t find_block(persistent_malloc_s* allocator, std::uint64_t id) {
+  const persistent_header_s* const header = allocator->header;
+  allocator->places.learn(allocator->base, header->used_size);
   std::uint64_t offset = header->chain_heads[persistent_bucket_of(id)];
   for (unsigned walked = 1; offset != 0; ++walked) {
     persistent_block_s block;
-    const persistent_block_fault fault =
-        persistent_read_block(header, header->used_size, offset, &block);
+    const persistent_block_fault fault = read_linked(allocator, offset, &block);
     if (fault != persistent_block_fault::none) {
       log_damaged_block(fault, offset);
       return 0;
@@ -78,6 +88,13 @@ persistent_block_s* block_at(persistent_malloc_s* allocator, std::uint64_t offse
   return reinterpret_cast<persistent_block_s*>(static_cast<char*>(allocator->base) + offset);
 }
 
+// Before the used part grows.
+void void_misfits(persistent_malloc_s* allocator) {
+  for (const std::uint64_t offset : allocator->places.misfits())
+    block_at(allocator, offset)->magic = 0;
+  allocator->places.forget_misfits();
+}
+
 // Null when the file or the disk has no room.
 void* append_block(persistent_malloc_s* allocator, std::uint64_t id, std::uint64_t size) {
   persistent_header_s* header = allocator->header;
@@ -87,6 +104,7 @@ void* append_block(persistent_malloc_s* allocator, std::uint64_t id, std::uint64
   if (!persistent_file_reserve(&allocator->mapping, offset + needed, allocator->path.c_str()))
     return nullptr;
 
+  void_misfits(allocator);
   persistent_block_s* block = block_at(allocator, offset);
   std::memset(static_cast<void*>(block), 0, needed);  // may be the stale tail of a compacted file
   std::uint64_t& head = header->chain_heads[persistent_bucket_of(id)];
@@ -104,7 +122,7 @@ void* append_block(persistent_malloc_s* allocator, std::uint64_t id, std::uint64
 // Requires the mutex.
 void* find_or_append(persistent_malloc_s* allocator, std::uint64_t id, std::uint64_t size,
                      unsigned* old_size) {
-  const std::uint64_t offset = find_block(allocator->header, id);
+  const std::uint64_t offset = find_block(allocator, id);
   if (offset == 0) return append_block(allocator, id, size);
 
   persistent_block_s* block = block_at(allocator, offset);
@@ -165,7 +183,9 @@ bool open_file(persistent_malloc_s* allocator, const char* path, unsigned size) 
   mmap_handle_t file = map_file(path, size);
   if (file.data == nullptr) return false;
   if (!prepare_file(&file, path)) {
+    const bool existed = file.existed != 0;
     platform_munmap(&file);
+    if (!existed) platform::remove_file(path);
     return false;
   }
   allocator->mapping = file;
@@ -215,9 +235,12 @@ void* persistent_malloc(persistent_malloc_s* allocator, long long id, unsigned l
   if (allocator == nullptr || size == 0 || static_cast<std::uint64_t>(id) == persistent_deleted_id)
     return nullptr;
   if (!allocator->persistent) return heap_allocate(size);
-  {
+  try {
     const mutex_guard guard(&allocator->mutex);
     data = find_or_append(allocator, static_cast<std::uint64_t>(id), size, &old_size);
+  } catch (const std::bad_alloc&) {  // the list of places
+    KORVEX_LOG("failed to allocate memory for persistent_malloc_t\n");
+    return nullptr;
   }
   if (old_size_out != nullptr) *old_size_out = old_size;
   if (data == nullptr) KORVEX_LOG_CRITICAL("Failed to allocate memory: file size limit reached\n");

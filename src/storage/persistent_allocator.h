@@ -24,8 +24,9 @@ struct persistent_malloc_s {
   std::uint8_t persistent = 0;            // a file name was given
   mmap_handle_t mapping;
   std::uint64_t total = 0;  // bytes of the mapping
-  // Guards the header, chains and block headers of the file, `mapping` and `file_lock`.
+  // Guards the header, chains and block headers of the file, `mapping`, `file_lock` and `places`.
   pthread_mutex_t mutex{};
+  persistent_block_places places;
   bool file_lock = false;  // this allocator keeps others out
   std::string path;
 };

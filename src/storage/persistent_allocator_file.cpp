@@ -101,8 +101,9 @@ saved_state read_saved(const std::string& saved, std::uint64_t file_size,
                        std::unique_ptr<char[]>* bytes, persistent_header_s* header) {
   const platform::file_status status = platform::status_of(saved.c_str());
   if (!status.exists) return saved_state::absent;
-  if (!status.regular || status.size < persistent_header_bytes + digest_bytes)
-    return saved_state::incomplete;
+  if (!status.regular) return saved_state::foreign;
+  if (status.size < persistent_header_bytes + digest_bytes) return saved_state::incomplete;
+  if (status.size - digest_bytes > file_size) return saved_state::foreign;
   bytes->reset(new (std::nothrow) char[status.size]);
   const int fd = platform::open_file(saved.c_str(), platform::open_mode::read_only);
   const bool read =
@@ -218,7 +219,7 @@ bool persistent_file_recover(mmap_handle_t* file, const char* path) {
 
 bool persistent_file_discard_saved(const char* path) {
   const std::string saved = saved_path(path);
-  if (!platform::status_of(saved.c_str()).exists) return true;
+  if (!platform::status_of(saved.c_str()).regular) return true;  // never put back
   // Emptied before it is removed: after a power cut the name may be back, its old content must not. A file system that
   // is full or read-only may refuse one of the two.
   const int fd = platform::open_file(saved.c_str(), platform::open_mode::truncate);

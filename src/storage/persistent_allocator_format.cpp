@@ -1,5 +1,6 @@
 #include "storage/persistent_allocator_format.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -34,11 +35,23 @@ persistent_block_fault persistent_read_block(const void* file, std::uint64_t use
   if (!persistent_is_block_offset(offset, used_size)) return fault::bad_offset;
   std::memcpy(block, static_cast<const char*>(file) + offset, sizeof *block);
   if (block->magic != persistent_magic) return fault::bad_header;
-  const bool right_size =
-      block->block_size >= persistent_block_bytes(0) &&
-      block->block_size % persistent_block_unit == 0 && block->block_size <= used_size - offset &&
-      block->requested_size <= block->block_size - persistent_block_header_bytes;
+  const bool right_size = block->block_size == persistent_block_bytes(block->requested_size) &&
+                          block->block_size != 0 && block->block_size <= used_size - offset;
   return right_size ? fault::none : fault::bad_size;
+}
+
+void persistent_block_places::learn(const void* file, std::uint64_t used_size) {
+  while (learned_ < used_size) {
+    persistent_block_s block;
+    const auto fault = persistent_read_block(file, used_size, learned_, &block);
+    if (fault == persistent_block_fault::none) offsets_.push_back(learned_);
+    if (fault == persistent_block_fault::bad_size) misfits_.push_back(learned_);
+    learned_ += fault == persistent_block_fault::none ? block.block_size : persistent_block_unit;
+  }
+}
+
+bool persistent_block_places::contain(std::uint64_t offset) const {
+  return std::binary_search(offsets_.begin(), offsets_.end(), offset);
 }
 
 }  // namespace korvex

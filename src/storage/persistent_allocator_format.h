@@ -2,6 +2,7 @@
 #define KORVEX_STORAGE_PERSISTENT_ALLOCATOR_FORMAT_H
 
 #include <cstdint>
+#include <vector>
 
 // The bytes of an allocator file, and the checks that every reader of one makes. Everything is
 // little-endian and unsigned 64-bit. A file is untrusted: no offset or size of it is used before
@@ -71,7 +72,7 @@ enum class persistent_block_fault {
   none,
   bad_offset,  // no block can begin there
   bad_header,  // no block begins there
-  bad_size,    // the block ends outside the used part, or holds less than was asked for
+  bad_size,  // the block ends outside the used part, or is not as long as what was asked for makes it
 };
 
 // Whether a block can begin at the offset of a file with a valid header.
@@ -81,6 +82,25 @@ bool persistent_is_block_offset(std::uint64_t offset, std::uint64_t used_size);
 // the fault is `bad_offset`.
 persistent_block_fault persistent_read_block(const void* file, std::uint64_t used_size,
                                              std::uint64_t offset, persistent_block_s* block);
+
+// Where the blocks of a file begin: they follow one another, and behind a damaged one comes the next place
+// that holds a whole one. No two of them overlap, so what a chain leads to must be among them: a block that
+// was written into the bytes of another would let two users share their memory.
+class persistent_block_places {
+ public:
+  // Takes in the blocks that end at used_size, as far as earlier calls have not. Throws std::bad_alloc.
+  void learn(const void* file, std::uint64_t used_size);
+  bool contain(std::uint64_t offset) const;
+  // Begins of blocks whose size does not fit. One that runs over the used part would be whole one day, when the
+  // part has grown, and cover what came after it.
+  const std::vector<std::uint64_t>& misfits() const { return misfits_; }
+  void forget_misfits() { misfits_.clear(); }
+
+ private:
+  std::vector<std::uint64_t> offsets_;  // ascending
+  std::vector<std::uint64_t> misfits_;
+  std::uint64_t learned_ = persistent_header_bytes;
+};
 
 }  // namespace korvex
 

@@ -223,9 +223,14 @@ vector_manager_s* vector_create(unsigned record_size, unsigned long long block_b
     release_store(m);
     return nullptr;
   }
-  const std::lock_guard guard(m->mutex);  // a vector_sync_all may know the store already
-  store::restore_blocks(*m);
-  return m;
+  bool complete = false;
+  {
+    const std::lock_guard guard(m->mutex);  // a vector_sync_all may know the store already
+    complete = store::restore_blocks(*m);
+  }
+  if (complete) return m;
+  vector_destroy(m);
+  return nullptr;
 }
 
 void vector_destroy(vector_manager_s* m) {

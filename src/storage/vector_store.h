@@ -100,7 +100,9 @@ struct alignas(64) vector_manager_s {
 
 // Makes a store; a persistent one finds its records again. Records per block: the next power of two
 // of block_bytes / record_size. Null for a null conf, a record size of 0 or above 2^31, when memory
-// fails, or when a live store of this process has the same files.
+// fails, when a live store of this process has the same files, or when one of its files cannot be
+// opened or mapped now: it stays as it is then. Files that are too short or damaged end the records
+// that are found.
 vector_manager_s* vector_create(unsigned record_size, unsigned long long block_bytes,
                                 unsigned align, int kind, vectpool_conf_s* conf);
 

@@ -39,6 +39,16 @@ bool set_aside(const char* path) {
   return platform::rename_file(path, (std::string(path) + ".bad").c_str()) == 0;
 }
 
+// Makes room for a new block. What stands behind it, from the time before a block in between was refused or lost, must
+// go as well: the next opening would count those records in again, behind the new ones.
+bool set_aside_from(vector_manager_s& m, std::uint32_t index) {
+  std::uint64_t next = std::uint64_t{index} + 1;
+  while (next < vector_no_id &&
+         platform::status_of(block_path(m, static_cast<std::uint32_t>(next))).exists)
+    if (!set_aside(block_path(m, static_cast<std::uint32_t>(next++)))) return false;
+  return set_aside(block_path(m, index));
+}
+
 void log_reserve_failure(const char* path, int error) {
   KORVEX_LOG("ftruncate failed for file %s: %s\n", path, platform::error_text(error).c_str());
 }
@@ -77,20 +87,25 @@ bool accept_block(const vector_manager_s& m, const vector_block_s& block, const 
   return false;
 }
 
-// The next block from its file, if there is a sound one.
-bool restore_block(vector_manager_s& m, std::uint32_t index) {
+enum class restored { taken, none, failed };
+
+// The next block from its file, if there is a sound one. A file that could hold one but cannot be read now, for want of
+// rights, descriptors or memory, is a failure: taken for lost, its records would be given up.
+restored restore_block(vector_manager_s& m, std::uint32_t index) {
   const char* path = block_path(m, index);
-  if (!platform::status_of(path).exists) return false;
+  const platform::file_status status = platform::status_of(path);
+  if (!status.exists) return restored::none;
   if (!make_block_slot(m)) {
     std::fprintf(stderr, "Failed to expand chunk array during restore\n");
-    return false;
+    return restored::failed;
   }
   mmap_handle_t* mapping = map_block_file(m, path, true);
-  if (mapping == nullptr) return false;
+  if (mapping == nullptr)
+    return status.regular && status.size >= block_bytes(m) ? restored::failed : restored::none;
   const vector_block_s block{static_cast<std::byte*>(mapping->data), mapping};
   if (!accept_block(m, block, path, index)) {
     release_block(block);
-    return false;
+    return restored::none;
   }
   // Records will be written in place; a copied file may have holes. A disk without room for those
   // is no reason to hide the records.
@@ -98,7 +113,7 @@ bool restore_block(vector_manager_s& m, std::uint32_t index) {
   if (mapping_reserve(mapping, bytes_to_slot(m, used)) != 0) log_reserve_failure(path, errno);
   append_block(m, block);
   m.next_id.store(m.records_per_block * index + used, std::memory_order_release);
-  return true;
+  return restored::taken;
 }
 
 }  // namespace
@@ -115,8 +130,9 @@ bool name_files(vector_manager_s& m, const vectpool_conf_s& conf) {
 }
 
 vector_block_s make_file_block(vector_manager_s& m, std::uint32_t index, std::uint32_t count) {
+  const bool free_place = set_aside_from(m, index);
   const char* path = block_path(m, index);
-  if (!set_aside(path)) {
+  if (!free_place) {
     log_map_failure(m, path);
     return {};
   }
@@ -143,11 +159,14 @@ bool reserve_slots(vector_manager_s& m, std::uint64_t end) {
   return false;
 }
 
-void restore_blocks(vector_manager_s& m) {
+bool restore_blocks(vector_manager_s& m) {
   std::uint32_t count = 0;
-  while (restore_block(m, count)) ++count;
+  restored result = restore_block(m, count);
+  for (; result == restored::taken; result = restore_block(m, count)) ++count;
+  if (result == restored::failed) return false;
   const std::uint32_t next_id = m.next_id.load(std::memory_order_relaxed);
   if (next_id != 0) KORVEX_LOG("restored %u vectors from %u blocks\n", next_id, count);
+  return true;
 }
 
 }  // namespace store

@@ -41,7 +41,8 @@ bool name_files(vector_manager_s& m, const vectpool_conf_s& conf);
 vector_block_s make_file_block(vector_manager_s& m, std::uint32_t index, std::uint32_t count);
 // Makes room on disk for the last block's slots below `end`. False, after a line, on a full disk.
 bool reserve_slots(vector_manager_s& m, std::uint64_t end);
-void restore_blocks(vector_manager_s& m);
+// False when a block could not be read that may be sound.
+bool restore_blocks(vector_manager_s& m);
 
 // --- registry; takes its own lock, the caller holds none ---
 // Enters a persistent store. False when a live one has the same files.

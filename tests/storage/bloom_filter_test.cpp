@@ -108,7 +108,7 @@ std::vector<std::uint64_t> set_bits(const sbf_unit_s* unit, std::uint32_t words)
 }
 
 TEST(BloomFilter, StoredBytesNeverChange) {
-  const std::string head = "FBSP\1\0\0\0";
+  const std::string head("FBSP\1\0\0\0", 8);
   const std::string items[] = {
       "korvex",
       "a somewhat longer item, of more than eighty bytes in all, so that the other step counts"};
