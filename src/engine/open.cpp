@@ -11,6 +11,7 @@
 #include "engine/configuration.h"
 #include "engine/runtime.h"
 #include "engine/startup.h"
+#include "engine/stored_record.h"
 #include "math/topology.h"
 #include "runtime/disk_probe.h"
 #include "runtime/log.h"
@@ -121,21 +122,6 @@ void write_defaults(hnsw_s* hnsw, std::uint32_t dimension, std::uint8_t instance
   hnsw->identity = new_identity(hnsw);
 }
 
-// What a record from a file must say before anything trusts it.
-bool record_matches(const hnsw_s& stored, std::uint32_t dimension, std::uint8_t instance_id) {
-  const auto metric_known = [&stored] {
-    return stored.distance_type == DISTANCE_NONE || stored.distance_type == DISTANCE_L2_SQUARE ||
-           stored.distance_type == DISTANCE_L2 || stored.distance_type == DISTANCE_INNER_PRODUCT;
-  };
-  return stored.dimension == dimension && stored.instance_id == instance_id &&
-         stored.element_bytes == 4 && stored.id_bytes == 4 && stored.neighbour_capacity >= 1 &&
-         stored.neighbour_capacity <= (1u << 20) &&
-         (stored.shape_valid == 0 ||
-          (stored.shape_capacity >= 1 && stored.shape_capacity <= (1u << 20) &&
-           stored.shape_probes >= 1 && stored.shape_probes <= max_probes)) &&
-         metric_known();
-}
-
 // Everything that named a place in the process that wrote the file.
 void clear_process_fields(hnsw_s* hnsw) {
   hnsw->memory_initialised = 0;
@@ -173,11 +159,13 @@ hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& loc
   if (stored_bytes == sizeof(hnsw_s) && hnsw->config_valid == 1) {
     KORVEX_LOG("Found an existing Korvex config\n");
     // Compared before the first write: a refused file stays as it was.
-    if (!record_matches(*hnsw, dimension, instance_id)) {
+    if (!record_matches(*hnsw, dimension, instance_id) ||
+        points_without_vectors(*hnsw, location.directory, location.name)) {
       KORVEX_LOG_CRITICAL("Bad or mismatched configuration detected. Check and reinitialize.\n");
       return nullptr;
     }
     clear_process_fields(hnsw);
+    settle_record(hnsw);
     return bind_to_process(hnsw, manager, location) ? hnsw : nullptr;
   }
   std::memset(static_cast<void*>(hnsw), 0, sizeof(hnsw_s));

@@ -14,6 +14,7 @@
 #include "engine/repair.h"
 #include "engine/runtime.h"
 #include "engine/startup_report.h"
+#include "engine/stored_record.h"
 #include "math/topology.h"
 #include "runtime/log.h"
 #include "runtime/platform/memory.h"
@@ -121,6 +122,7 @@ class startup {
     freeze();
     configure_stores(disk_cache_bytes(hnsw_, budget));
     create_stores();
+    release_link_locks(runtime_);
     cache_search_init(cache_kind, runtime_.store_config.get());
     create_lists();
     int32find_init(&runtime_.vmapg, 1024, "vmapg");

@@ -15,7 +15,8 @@ namespace {
 
 constexpr std::uint64_t listed_per_check = 10;
 
-std::string formatted(const char* format, std::va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string formatted(const char* format,
+                                                            std::va_list arguments) {
   char text[1024];
   std::vsnprintf(text, sizeof text, format, arguments);
   return text;

@@ -58,6 +58,7 @@ class block_check {
       : file_(file), header_(header_of(file)), out_(*out) {}
 
   void run() {
+    places_.learn(file_.data, header_.used_size);
     const bool whole = walk_in_order();
     for (std::uint64_t bucket = 0; bucket < persistent_chain_count; ++bucket) walk_chain(bucket);
     if (!whole) return;
@@ -93,7 +94,9 @@ class block_check {
     std::uint64_t offset = header_.chain_heads[bucket];
     for (unsigned walked = 0; offset != 0; ++walked) {
       persistent_block_s block;
-      const auto fault = persistent_read_block(file_.data, header_.used_size, offset, &block);
+      auto fault = persistent_read_block(file_.data, header_.used_size, offset, &block);
+      if (fault == persistent_block_fault::none && !places_.contain(offset))
+        fault = persistent_block_fault::bad_header;
       if (fault != persistent_block_fault::none) {
         out_.error("index file", "chain %llu leads to %llu: %s", static_cast<ull>(bucket),
                    static_cast<ull>(offset), text_of(fault));
@@ -129,6 +132,7 @@ class block_check {
   const index_bytes file_;
   const persistent_header_s header_;
   findings& out_;
+  persistent_block_places places_;
   std::map<std::uint64_t, std::uint64_t> in_order_;  // offset -> id
   std::set<std::uint64_t> on_chains_;                // offsets
   std::set<std::uint64_t> found_;                    // ids
@@ -209,6 +213,8 @@ class record_check {
 
 const std::byte* find_block(const index_bytes& file, std::uint64_t id, std::uint64_t bytes) {
   const persistent_header_s header = header_of(file);
+  persistent_block_places places;
+  places.learn(file.data, header.used_size);
   std::uint64_t offset = header.chain_heads[persistent_bucket_of(id)];
   for (unsigned walked = 0; offset != 0 && walked < longest_chain; ++walked) {
     persistent_block_s block;

@@ -65,6 +65,17 @@ float key_at_cursor(const korvex_search_results_s& store, std::uint32_t slice) {
   return store.direction * entry.primary.distances[entry.cursor];
 }
 
+// Graphs of probes share no point; in a damaged index they may. Its distance is the same from everywhere.
+bool taken(const korvex_results_s& results, std::uint32_t id, float distance) {
+  constexpr std::uint32_t most_ties = 64;
+  for (std::uint32_t i = 0; i < std::min(results.count, most_ties); ++i) {
+    const std::uint32_t position = results.count - 1 - i;
+    if (results.distances[position] != distance) return false;
+    if (results.ids[position] == id) return true;
+  }
+  return false;
+}
+
 void append(korvex_results_s* results, const result_set& from, std::uint32_t position) {
   results->ids[results->count] = from.ids[position];
   results->distances[results->count++] = from.distances[position];
@@ -150,7 +161,9 @@ int korvex_merge_results(korvex_search_results_s* store, std::uint32_t probes, i
   for (std::uint32_t i = size / 2; i-- > 0;) heapify(store->heap, size, i, *store);
   while (size > 0 && store->final.count < wanted) {
     result_slice& nearest = store->slices[store->heap[0]];
-    append(&store->final, nearest.primary, nearest.cursor++);
+    const std::uint32_t position = nearest.cursor++;
+    if (!taken(store->final, nearest.primary.ids[position], nearest.primary.distances[position]))
+      append(&store->final, nearest.primary, position);
     if (nearest.cursor == nearest.primary.count) store->heap[0] = store->heap[--size];
     heapify(store->heap, size, 0, *store);
   }

@@ -1,0 +1,32 @@
+#ifndef KORVEX_ENGINE_STORED_RECORD_H
+#define KORVEX_ENGINE_STORED_RECORD_H
+
+#include <cstdint>
+#include <string>
+
+#include "engine/record.h"
+
+// What an opening makes of a record that comes from a file.
+namespace korvex {
+
+struct korvex_runtime_s;
+
+// Whether it is a record of the opener's dimension and instance, with sizes that may be trusted.
+bool record_matches(const hnsw_s& stored, std::uint32_t dimension, std::uint8_t instance_id);
+
+// Whether points were counted but the file is not there that holds the first vectors: the sizes that
+// name it are wrong, or somebody took it away. Going on would give up every point. Requires a record
+// that matches.
+bool points_without_vectors(const hnsw_s& stored, const std::string& directory,
+                            const std::string& name);
+
+// Sets right what the engine indexes and computes with, where only a damaged file says otherwise.
+void settle_record(hnsw_s* hnsw);
+
+// Takes away lock bits that the flags of points came with: linking would wait for them for ever.
+// Requires the stores of an index that nobody uses yet.
+void release_link_locks(const korvex_runtime_s& runtime);
+
+}  // namespace korvex
+
+#endif  // KORVEX_ENGINE_STORED_RECORD_H
