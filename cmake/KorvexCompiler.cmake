@@ -19,7 +19,9 @@ target_link_libraries(korvex_compiler INTERFACE Threads::Threads)
 
 if(KORVEX_SANITIZE)
   add_compile_options(-fsanitize=${KORVEX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
-  # With the sanitizers' own code in between GCC can no longer see that std::regex fills in what it reads.
-  add_compile_options(-Wno-maybe-uninitialized)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # With the sanitizers' own code in between GCC can no longer see that std::regex fills in what it reads.
+    add_compile_options(-Wno-maybe-uninitialized)
+  endif()
   add_link_options(-fsanitize=${KORVEX_SANITIZE})
 endif()
