@@ -95,15 +95,23 @@ class hash_check {
                  vector_hash_max_depth);
       return;
     }
-    if (!claim(array.first, width)) return;
+    const std::uint32_t stars = count_stars(array.first, width);
+    if (!claim(array.first, vector_hash_room(stars, width))) return;
     ++statistics_.star_arrays;
-    for (std::uint32_t slot = 0; slot < width; ++slot) {
+    for (std::uint32_t slot = 0; slot < stars; ++slot) {
       const auto star = read<vector_hash_star_s>(index_.stars().record(array.first + slot));
-      if (star.id == 0) return;
       check_star(star, array);
       if (star.lid != 0)
         waiting->push_back({star.lid, star.id, array.radius * 0.5f, array.depth + 1});
     }
+  }
+
+  std::uint32_t count_stars(std::uint32_t first, std::uint32_t width) const {
+    std::uint32_t count = 0;
+    while (count < width && std::uint64_t{first} + count < index_.stars().size() &&
+           read<vector_hash_star_s>(index_.stars().record(first + count)).id != 0)
+      ++count;
+    return count;
   }
 
   void check_star(const vector_hash_star_s& star, const pending_array& array) {

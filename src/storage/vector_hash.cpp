@@ -56,19 +56,26 @@ int ring_of(float r) {
   return quotient > 0 ? static_cast<int>(quotient) : 0;
 }
 
-// Null unless all slots lie inside one block of the pool: ids of arrays come from the file.
-vector_hash_star_s* fetch_array(vectpool_c* pool, std::uint32_t lid, std::uint32_t width) {
-  const std::uint32_t slots = std::max(width, 1u);
-  const std::uint64_t block = pool->records_per_block();
-  if (std::uint64_t{lid} + slots > pool->size() || lid % block + slots > block) return nullptr;
-  return static_cast<vector_hash_star_s*>(pool->get(lid));
+// Slots that can be read as one array, none when not even an empty one fits: ids of arrays come from
+// the file.
+struct star_slots {
+  vector_hash_star_s* first = nullptr;
+  std::uint32_t count = 0;
+};
+
+star_slots fetch_array(vectpool_c* pool, std::uint32_t lid, std::uint32_t width) {
+  if (lid >= pool->size()) return {};
+  const std::uint32_t in_block = pool->records_per_block();
+  const std::uint32_t there = std::min(pool->size() - lid, in_block - lid % in_block);
+  if (there < vector_hash_room(0, width)) return {};
+  return {static_cast<vector_hash_star_s*>(pool->get(lid)), std::min(width, there)};
 }
 
-scan_result scan_stars(const vector_hash_s* vh, vector_hash_star_s* slots, std::uint32_t width,
-                       vector_hash_node_s* node, vector_hash_mode mode) {
+scan_result scan_stars(const vector_hash_s* vh, const star_slots& slots, vector_hash_node_s* node,
+                       vector_hash_mode mode) {
   scan_result found;
-  for (; found.used < width; ++found.used) {
-    vector_hash_star_s& star = slots[found.used];
+  for (; found.used < slots.count; ++found.used) {
+    vector_hash_star_s& star = slots.first[found.used];
     const std::uint32_t id = load(star.id, std::memory_order_acquire);
     if (id == 0) break;
     const float d = vh->distance(vh->ctx, id, node, mode);
@@ -83,22 +90,22 @@ scan_result scan_stars(const vector_hash_s* vh, vector_hash_star_s* slots, std::
 constexpr std::uint32_t scan_chunk = 128;
 
 // As scan_stars in search mode, a chunk of the array at a time.
-scan_result scan_chunks(const vector_hash_s* vh, vector_hash_star_s* slots, std::uint32_t width,
+scan_result scan_chunks(const vector_hash_s* vh, const star_slots& slots,
                         vector_hash_node_s* node) {
   scan_result found;
   std::uint32_t ids[scan_chunk];
   float distances[scan_chunk];
   std::uint32_t count = scan_chunk;
   while (count == scan_chunk) {
-    const std::uint32_t end = std::min(width - found.used, scan_chunk);
+    const std::uint32_t end = std::min(slots.count - found.used, scan_chunk);
     for (count = 0; count < end; ++count) {
-      ids[count] = load(slots[found.used + count].id, std::memory_order_acquire);
+      ids[count] = load(slots.first[found.used + count].id, std::memory_order_acquire);
       if (ids[count] == 0) break;
     }
     vh->scan(vh->ctx, ids, count, node, distances);
     for (std::uint32_t i = 0; i < count; ++i) {
       if (!(distances[i] < found.distance)) continue;
-      found.nearest = &slots[found.used + i];
+      found.nearest = &slots.first[found.used + i];
       found.nearest_id = ids[i];
       found.distance = distances[i];
     }
@@ -116,7 +123,8 @@ void clear_answer(vector_hash_node_s* answer) {
 // 0 without an array: nobody reaches the new one before its first slot ends it.
 std::uint32_t make_array(vector_hash_s* vh, std::uint32_t& lid, std::uint32_t width) {
   unsigned made = 0;
-  auto* slots = static_cast<vector_hash_star_s*>(vh->pool->alloc(&made, width));
+  auto* const slots =
+      static_cast<vector_hash_star_s*>(vh->pool->alloc(&made, vector_hash_room(0, width)));
   if (slots == nullptr || made == 0) return 0;
   store(slots[0].id, 0u);
   store(slots[0].lid, 0u);
@@ -125,30 +133,51 @@ std::uint32_t make_array(vector_hash_s* vh, std::uint32_t& lid, std::uint32_t wi
   return made;
 }
 
-void place_star(vector_hash_s* vh, vector_hash_star_s* slots, std::uint32_t slot,
-                std::uint32_t width, std::uint32_t id) {
-  if (slot + 1 < width) {
+void append_star(vector_hash_star_s* slots, std::uint32_t slot, std::uint32_t room,
+                 std::uint32_t id) {
+  if (slot + 1 < room) {
     store(slots[slot + 1].id, 0u);
     store(slots[slot + 1].lid, 0u);
   }
   store(slots[slot].lid, 0u);
   store(slots[slot].id, id, std::memory_order_release);
-  std::atomic_ref(vh->stars).fetch_add(1, std::memory_order_relaxed);
 }
 
-// One level's array for an add, made when there is none yet; null on a fault.
-vector_hash_star_s* array_for_add(vector_hash_s* vh, link_ref link, std::uint32_t width,
-                                  std::uint32_t node_id, int depth) {
+// Behind the `used` stars of the array at `lid`, which moves when its room is used up.
+bool place_star(vector_hash_s* vh, std::uint32_t& lid, const star_slots& slots, std::uint32_t used,
+                std::uint32_t width, std::uint32_t id) {
+  const std::uint32_t room = vector_hash_room(used, width);
+  const std::uint32_t wanted = vector_hash_room(used + 1, width);
+  if (wanted == room && slots.count >= room) {
+    append_star(slots.first, used, room, id);
+  } else {
+    unsigned made = 0;
+    auto* const larger = static_cast<vector_hash_star_s*>(vh->pool->alloc(&made, wanted));
+    if (larger == nullptr) return false;
+    for (std::uint32_t i = 0; i < used; ++i) {
+      store(larger[i].lid, load(slots.first[i].lid));
+      store(larger[i].id, load(slots.first[i].id));
+    }
+    append_star(larger, used, wanted, id);
+    store(lid, static_cast<std::uint32_t>(made), std::memory_order_release);
+  }
+  std::atomic_ref(vh->stars).fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+// One level's array for an add, made when there is none yet; empty on a fault.
+star_slots array_for_add(vector_hash_s* vh, link_ref link, std::uint32_t width,
+                         std::uint32_t node_id, int depth) {
   const std::uint32_t above = load(*link.id);
   if (above >= node_id || (depth > 0 && above == 0)) {
     KORVEX_LOG("*** BUG *** ep->id %u > n->id %u depth %d\n", above, node_id, depth);
-    return nullptr;
+    return {};
   }
   std::uint32_t lid = load(*link.lid);
   if (lid == 0) lid = make_array(vh, *link.lid, width);
-  if (lid == 0) return nullptr;
-  vector_hash_star_s* slots = fetch_array(vh->pool, lid, width);
-  if (slots == nullptr) KORVEX_LOG("*** BUG *** buffer failed for id %u\n", lid);
+  if (lid == 0) return {};
+  const star_slots slots = fetch_array(vh->pool, lid, width);
+  if (slots.first == nullptr) KORVEX_LOG("*** BUG *** buffer failed for id %u\n", lid);
   return slots;
 }
 
@@ -158,13 +187,13 @@ int descend(vector_hash_s* vh, vector_hash_link_s& ring, vector_hash_node_s* nod
   link_ref link{&ring.id, &ring.lid};
   for (int depth = 0; depth < vector_hash_max_depth; ++depth, radius *= 0.5f) {
     const std::uint32_t width = vector_hash_width_at(vh->width_narrow, radius);
-    vector_hash_star_s* slots = array_for_add(vh, link, width, node->id, depth);
-    if (slots == nullptr) return -1;
+    const star_slots slots = array_for_add(vh, link, std::max(width, 1u), node->id, depth);
+    if (slots.first == nullptr) return -1;
     answer->placed = 0;
     if (width < 1) return depth;
-    const scan_result found = scan_stars(vh, slots, width, node, vector_hash_mode_add);
+    const scan_result found = scan_stars(vh, slots, node, vector_hash_mode_add);
     if (found.used < width && radius < found.distance && radius < answer->best) {
-      place_star(vh, slots, found.used, width, node->id);
+      if (!place_star(vh, *link.lid, slots, found.used, width, node->id)) return -1;
       answer->placed = answer->placed2 = 1;
       return depth + 1;
     }
@@ -198,14 +227,14 @@ void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring,
       return;
     }
     const std::uint32_t width = vector_hash_width_at(vh->width_narrow, radius);
-    vector_hash_star_s* slots = fetch_array(vh->pool, lid, width);
-    if (slots == nullptr) {
+    const star_slots slots = fetch_array(vh->pool, lid, width);
+    if (slots.first == nullptr) {
       KORVEX_LOG("*** BUG *** null l for ep->lid %u\n", lid);
       return;
     }
     const scan_result found = vh->scan != nullptr
-                                  ? scan_chunks(vh, slots, width, query)
-                                  : scan_stars(vh, slots, width, query, vector_hash_mode_search);
+                                  ? scan_chunks(vh, slots, query)
+                                  : scan_stars(vh, slots, query, vector_hash_mode_search);
     if (found.nearest == nullptr) return;
     if (found.distance < answer->best) {
       answer->best = found.distance;

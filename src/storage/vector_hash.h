@@ -43,7 +43,9 @@ using vector_hash_distance_fn = float (*)(void* ctx, unsigned id, vector_hash_no
 using vector_hash_scan_fn = void (*)(void* ctx, const std::uint32_t* ids, std::uint32_t count,
                                      vector_hash_node_s* n, float* out);
 
-// A star. Arrays of them fill from index 0; the first id 0 ends an array.
+// A star. Arrays of them fill from index 0; the first id 0 ends an array that is not full. Most
+// arrays stay short, so an array begins with little room and moves when it is used up, end mark
+// included: see vector_hash_room.
 // Stored: never change the layout.
 struct vector_hash_star_s {
   std::uint32_t id;
@@ -73,12 +75,20 @@ constexpr std::uint32_t vector_hash_width_at(std::uint32_t width, float radius) 
   return radius >= 0.2f ? 2 * width : width;
 }
 
+// Slots that an array of `stars` stars takes in the pool; `width` is the most that it may hold.
+constexpr std::uint32_t vector_hash_room(std::uint32_t stars, std::uint32_t width) {
+  std::uint32_t room = 8;
+  while (room <= stars && room < width) room *= 2;
+  return room < width ? room : width;
+}
+
 // Finds an entry point for a graph walk: every point falls into a ring around the anchor by its
 // squared distance, and inside a ring the points far from all earlier ones are the stars of a
 // tree whose capture radius halves by level.
 // Threads     one adding thread at a time; searches run beside it without a lock. A star's id is
 //             stored with release after its vector and after the end mark behind it, the id of a
-//             child array after its first slot is clear.
+//             child array after its slots. An array that has moved stays as it was for those who
+//             are in it.
 // Ownership   the record, the anchor and the rings are blocks of the persistent allocator, star
 //             arrays records of the pool. Pointers in the record belong to this process and are
 //             set again on every open.
