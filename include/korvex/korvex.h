@@ -101,7 +101,9 @@ class Korvex {
   virtual void setAllocationUnits(unsigned vectors) = 0;
   // Below 100: per cent of the memory. On disk only.
   virtual void enableDiskCache(unsigned long long bytes) = 0;
-  // Blocks for about twice `seconds`.
+  // Measures the drive under `path` with random reads and writes of blocks (0 bytes: 4,096) in a file
+  // (0 bytes: 100 MiB), or reads the figures of the last time unless `force` is non-zero; logs them,
+  // and advice when they are low. Blocks for about twice `seconds` (below 1: 10; at most 1000).
   virtual void testDiskPerformance(const char* path, unsigned block_bytes, unsigned file_bytes,
                                    int seconds, int force) = 0;
   virtual void enableHugePages(int enable) = 0;             // default 0
@@ -231,6 +233,7 @@ KORVEX_API Korvex* KorvexInstance(int dimension);
 KORVEX_API Korvex* KorvexOnDiskInstance(int dimension, const char* path, const char* name);
 KORVEX_API KorvexUtils* KorvexUtilsInstance(void);
 
+// The same under the names of the factories.
 KORVEX_API Korvex* createKorvexInstance(int dimension);
 KORVEX_API Korvex* createKorvexOnDiskInstance(int dimension, const char* path, const char* name);
 KORVEX_API KorvexUtils* createKorvexUtilsInstance(void);

@@ -52,6 +52,8 @@ int KorvexBulkQueryImpl::setRadius(int radius) {
 
 unsigned KorvexBulkQueryImpl::query(const float* vectors, int n, int, int k) {
   return with_open_index(runtime_, "query", search_failed, [&] {
+    if (n < 0 || (n > 0 && vectors == nullptr))
+      log_refusal("query", "no vectors: their rows stay zero");
     const search_result_callback callback =
         listener_.load() != nullptr ? korvex_bulk_result_callback : nullptr;
     return korvex_bulk_search(base_, &bulk_, vectors, n, radius_.load(), k, callback,

@@ -58,6 +58,7 @@ void KorvexImpl::setQuantization(int) {}
 void KorvexImpl::setQuantizationThreshold(float) {}
 
 void KorvexImpl::setPatternProbes(int probes) {
+  if (probes <= 0) return static_cast<void>(refuse_option("setPatternProbes"));
   korvex_set_partitions(base_, probes);
 }
 
@@ -74,7 +75,8 @@ int KorvexImpl::setRadius(int radius, int) {
 }
 
 void KorvexImpl::setThreads(int threads) {
-  if (threads >= 0) korvex_set_threads(base_, threads);
+  if (threads < 0) return log_refusal("setThreads", "the value must not be negative");
+  korvex_set_threads(base_, threads);
 }
 
 void KorvexImpl::setQueryThreads(int threads, int queue_limit) {
@@ -86,6 +88,8 @@ void KorvexImpl::setIndexOptimization(int) {}
 void KorvexImpl::setSearchOptimization(int) {}
 
 void KorvexImpl::setDistanceType(DistanceType type) {
+  if (type != DISTANCE_L2_SQUARE && type != DISTANCE_L2 && type != DISTANCE_INNER_PRODUCT)
+    return log_refusal("setDistanceType", "an unknown distance");
   at_border("setDistanceType", [&] { korvex_set_distance_type(base_, type); });
 }
 

@@ -106,8 +106,10 @@ unsigned KorvexQueryImpl::refine() {
 }
 
 unsigned KorvexQueryImpl::filter(unsigned id) {
-  return with_open_index(runtime_, "filter", search_failed,
-                         [&] { return korvex_search_filter(base_, session_id_, id); });
+  return with_open_index(runtime_, "filter", search_failed, [&] {
+    if (id == search_failed) log_refusal("filter", "no vector has this id");
+    return korvex_search_filter(base_, session_id_, id);
+  });
 }
 
 korvex_results_s* KorvexQueryImpl::getResults(int copy) {

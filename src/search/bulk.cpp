@@ -166,7 +166,9 @@ std::uint32_t korvex_bulk_search(hnsw_s* hnsw, korvex_bulk_search_s* bulk, const
     return search_failed;
   }
   bulk->busy = 1;
-  const bool nothing_to_do = n <= 0 || vectors == nullptr || load_counter(hnsw->added) == 0;
+  const bool empty = load_counter(hnsw->added) == 0;
+  const bool nothing_to_do = n <= 0 || vectors == nullptr || empty;
+  if (empty) KORVEX_LOG_CRITICAL("No vectors were indexed, add vectors and try again\n");
   const bool waits = callback == nullptr;
   run_batch(bulk, nothing_to_do ? 0 : session_count(hnsw, n));
   if (waits) wait_for_most(bulk);

@@ -148,7 +148,8 @@ bool restart(hnsw_s* hnsw, korvex_search_ctx_s* session, search_mode mode) {
   drop_views(session);
   session->mode = mode;
   session->shared.worst = largest_float;
-  if (session->k == 0) {  // nothing was searched yet
+  if (session->k == 0) {
+    KORVEX_LOG_CRITICAL("nothing was searched yet: %u\n", session->sid);
     give_back(session);
     return false;
   }
