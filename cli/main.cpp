@@ -11,6 +11,7 @@
 #include "cli/errors.h"
 #include "cli/readers/byte_source.h"
 #include "cli/verb.h"
+#include "runtime/platform/files.h"
 
 namespace korvex::cli {
 
@@ -39,9 +40,11 @@ int run_verb(const verb& chosen) {
 }
 
 int run(int argc, char** argv) {
+  platform::keep_line_ends();
   CLI::App tool("Nearest neighbours of vectors: the command-line tool of Korvex.", "korvex");
   tool.footer(exit_code_help);
   tool.require_subcommand(1);
+  tool.allow_windows_style_options(false);  // a path may begin with a slash everywhere
   std::vector<verb> all;
   for (const auto add : verbs) all.push_back(add(tool));
   try {

@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <semaphore>
+#include <condition_variable>
+#include <mutex>
+#include <utility>
 
 #include "cli/console.h"
 #include "cli/errors.h"
@@ -58,13 +60,22 @@ void add_rows(Korvex& index, const matrix& base) {
 class batch_notice final : public KorvexBulkQueryListener {
  public:
   int onResults(KorvexBulkQuery*) override {
-    done_.release();
+    {
+      const std::lock_guard lock(mutex_);
+      done_ = true;
+    }
+    answered_.notify_one();
     return 0;
   }
-  void wait() { done_.acquire(); }
+  void wait() {
+    std::unique_lock lock(mutex_);
+    answered_.wait(lock, [this] { return std::exchange(done_, false); });
+  }
 
  private:
-  std::binary_semaphore done_{0};
+  std::mutex mutex_;
+  std::condition_variable answered_;
+  bool done_ = false;  // guarded by mutex_
 };
 
 using session_handle = std::unique_ptr<KorvexQuery, destroy_query>;

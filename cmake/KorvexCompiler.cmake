@@ -16,6 +16,24 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(korvex_compiler INTERFACE -Wno-restrict -Wno-stringop-overflow)
 endif()
 target_link_libraries(korvex_compiler INTERFACE Threads::Threads)
+if(WIN32)
+  # Windows 10, without the parts of its headers that nobody here needs.
+  target_compile_definitions(korvex_compiler INTERFACE _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
+  # Its stacks are aligned to 16 bytes only, which the compiler forgets for wider vectors that it spills.
+  target_compile_options(korvex_compiler INTERFACE -Wa,-muse-unaligned-vector-move)
+endif()
+
+# xxHash: Debian's library, or its header compiled in where there is none for the target.
+add_library(korvex_xxhash INTERFACE)
+if(WIN32)
+  include(HeadersOfHost)
+  korvex_host_headers(korvex::xxhash_header xxhash.h)
+  target_compile_definitions(korvex_xxhash INTERFACE XXH_INLINE_ALL)
+  target_link_libraries(korvex_xxhash INTERFACE korvex::xxhash_header)
+else()
+  find_library(KORVEX_XXHASH xxhash REQUIRED)
+  target_link_libraries(korvex_xxhash INTERFACE ${KORVEX_XXHASH})
+endif()
 
 if(KORVEX_SANITIZE)
   add_compile_options(-fsanitize=${KORVEX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

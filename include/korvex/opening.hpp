@@ -43,9 +43,15 @@ inline korvex_description_s description_of(const index_options& options) {
   return plan;
 }
 
+// As the engine takes it on every system: UTF-8.
+inline std::string path_text(const index_options& options) {
+  const std::u8string text = options.directory.u8string();
+  return {text.begin(), text.end()};
+}
+
 inline std::string title(const index_options& options) {
   return "the index \"" + (options.name.empty() ? std::string("nimbra-korvex") : options.name) +
-         "\" in " + options.directory.string();
+         "\" in " + path_text(options);
 }
 
 // What lies in the files, or nothing when the index is to be made.
@@ -53,8 +59,7 @@ inline std::optional<korvex_description_s> stored_index(const index_options& opt
   if (options.directory.empty()) return std::nullopt;
   korvex_description_s stored{};
   stored.size = sizeof stored;
-  const int found =
-      korvex_inspect(0, options.directory.string().c_str(), options.name.c_str(), &stored);
+  const int found = korvex_inspect(0, path_text(options).c_str(), options.name.c_str(), &stored);
   if (found < 0)
     throw error(errc::unavailable, title(options) + " cannot be read; korvex verify tells more");
   if (found == 0 && options.mode == open_mode::create_new)
@@ -121,7 +126,7 @@ inline std::shared_ptr<core> open(const index_options& options) {
   const std::optional<korvex_description_s> stored = stored_index(options);
   if (stored) require_same(options, *stored);
   const korvex_description_s made = stored ? *stored : description_of(options);
-  const std::string directory = options.directory.string();
+  const std::string directory = path_text(options);
   hnsw_s* const record = korvex_init(made.dimension, 0, directory.c_str(), options.name.c_str());
   if (record == nullptr)
     throw error(errc::unavailable,

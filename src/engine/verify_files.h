@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "engine/verify.h"
+#include "runtime/log.h"
 #include "storage/vector_store_format.h"
 
 // What the parts of the check share: read-only views of files, and the list of findings.
@@ -49,11 +50,11 @@ class findings {
   findings(const findings&) = delete;
   findings& operator=(const findings&) = delete;
 
-  __attribute__((format(printf, 3, 4))) void note(const char* check, const char* format, ...);
-  __attribute__((format(printf, 3, 4))) void warning(const char* check, const char* format, ...);
-  __attribute__((format(printf, 3, 4))) void error(const char* check, const char* format, ...);
-  __attribute__((format(printf, 4, 5))) void add(verify_severity severity, const char* check,
-                                                 const char* format, ...);
+  KORVEX_PRINTF(3, 4) void note(const char* check, const char* format, ...);
+  KORVEX_PRINTF(3, 4) void warning(const char* check, const char* format, ...);
+  KORVEX_PRINTF(3, 4) void error(const char* check, const char* format, ...);
+  KORVEX_PRINTF(4, 5)
+  void add(verify_severity severity, const char* check, const char* format, ...);
   // Says how many were left out. Nothing is added after it.
   void close();
 

@@ -28,13 +28,14 @@ constexpr std::uint64_t k_orphan_lock_ms = 200;  // for locks that a lost thread
 struct log_buffers {
   log_ring ring;
   std::unique_ptr<char[]> line;  // the worker's copy of one entry: tag, NUL, message, NUL
+  log_ring::line in_work{};      // that entry, in `line`
 };
 
 // Trivially destructible, so lines may come until the very end of the process.
 struct log_state {
   pthread_mutex_t lifecycle = PTHREAD_MUTEX_INITIALIZER;  // start and shutdown, one at a time
   bool prepared = false;                                  // guarded by lifecycle
-  pthread_t worker{};                                     // guarded by lifecycle
+  std::atomic<pthread_t> worker{};                        // set before initialised
   std::atomic<std::uint32_t> owner_pid{0};                // the process that has the worker
 
   std::atomic<std::uint32_t> initialised{0};
@@ -58,9 +59,10 @@ struct log_state {
 constinit log_state g_log;
 thread_local bool t_is_worker = false;
 
-// A forked child has the ring but not the thread that drains it.
+// A forked child has the ring but not the thread that drains it; nor has a library whose process ends.
 bool worker_lost() {
-  return g_log.initialised.load() != 0 && !platform::process_is(g_log.owner_pid.load());
+  return g_log.initialised.load() != 0 &&
+         !platform::thread_runs(g_log.worker.load(), g_log.owner_pid.load());
 }
 
 bool lock_unless_orphaned(pthread_mutex_t* mutex) {
@@ -103,10 +105,13 @@ struct sequence_gap {
 void write_front_locked() {
   log_ring& ring = g_log.buffers->ring;
   char* const tag = g_log.buffers->line.get();
-  const log_ring::line entry = ring.front();
+  log_ring::line& entry = g_log.buffers->in_work;
+  entry = ring.front();
   char* const message = tag + entry.tag_length + 1;
   std::memcpy(tag, entry.tag, entry.tag_length + 1);
   std::memcpy(message, entry.message, entry.message_length + 1);
+  entry.tag = tag;
+  entry.message = message;
   ring.pop_front();
   const sequence_gap gap{entry.sequence, g_log.last_sequence, ring.dropped(), g_log.last_dropped,
                          ring.count()};
@@ -163,9 +168,16 @@ int flush_locked(int timeout_ms) {
   return g_log.buffers == nullptr ? -1 : result;  // shut down meanwhile: nothing was written
 }
 
-// For a process that has no worker any more.
+// For a process that has no worker any more, nor any thread that waits for one.
 int drain_here() {
   if (mutex_lock(&g_log.lock.mutex, k_orphan_lock_ms) != 0) return -1;
+  g_log.flushers = 0;
+  // The parent of a forked child writes its line itself. A worker that was killed in here may have written it or not:
+  // better twice than never.
+  if (g_log.writing && g_log.owner_pid.load() == platform::process_id()) {
+    const log_ring::line& entry = g_log.buffers->in_work;
+    write_log_line(entry.level, entry.tag, entry.message, entry.message_length);
+  }
   g_log.writing = false;
   while (g_log.buffers != nullptr && g_log.buffers->ring.count() > 0) write_front_locked();
   mutex_unlock(&g_log.lock.mutex);
@@ -221,10 +233,12 @@ int start_locked(std::uint64_t size, std::uint32_t mask) {
   if (!buffers || !sync_buffer) return -1;
   mutex_guard guard(&g_log.lock.mutex);
   g_log.running = true;
-  if (create_thread(&g_log.worker, log_worker_thread_func, nullptr, 0) != 0) {
+  pthread_t worker{};
+  if (create_thread(&worker, log_worker_thread_func, nullptr, 0) != 0) {
     g_log.running = false;
     return -1;
   }
+  g_log.worker.store(worker);
   g_log.buffers = buffers.release();
   g_log.last_sequence = g_log.last_dropped = 0;
   g_log.writing = g_log.worker_waiting = false;
@@ -254,7 +268,8 @@ int log_shutdown() {
   }
   g_log.initialised.store(0);
   g_log.running = false;
-  cond_broadcast_locked(&g_log.lock);
+  if (!lost)
+    cond_broadcast_locked(&g_log.lock);  // a lost thread may have left the condition in any state
   mutex_unlock(&g_log.lock.mutex);
   if (!lost) pthread_join(g_log.worker, nullptr);
 
@@ -273,7 +288,8 @@ int log_shutdown() {
 void log_exit_handler() {
   if (g_log.initialised.load() == 0) return;
   log_wait_empty(-1);
-  log_shutdown();
+  // Threads that were killed may have left the heap locked: nothing is freed after them.
+  if (!worker_lost()) log_shutdown();
 }
 
 int vlog_async(std::uint32_t level, const char* tag, const char* format, std::va_list args) {

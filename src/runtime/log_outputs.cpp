@@ -40,7 +40,7 @@ std::FILE* stream_of(int fd, bool open) {
   if (!open) return nullptr;
   auto* entry = new (std::nothrow) cached_stream{fd, nullptr, g_streams};
   if (entry == nullptr) return nullptr;
-  entry->stream = ::fdopen(fd, "w");
+  entry->stream = platform::stream_of_file(fd);
   if (entry->stream == nullptr) {
     delete entry;
     return nullptr;

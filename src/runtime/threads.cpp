@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "runtime/platform/faults.h"
@@ -68,6 +69,8 @@ void* run_thread(void* record) {
 
 int start_thread(std::unique_ptr<thread_start> start, pthread_t* id, std::size_t stack_bytes) {
   if (!start || platform::fault_injected(platform::fault_point::thread)) return -1;
+  static std::once_flag kept;
+  std::call_once(kept, platform::keep_library_loaded);
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return -1;
   int error = pthread_attr_setstacksize(&attributes,

@@ -43,9 +43,10 @@ void* heap_allocate(std::uint64_t size) {
 
 void log_damaged_block(persistent_block_fault fault, std::uint64_t offset) {
   if (fault == persistent_block_fault::bad_size)
-    KORVEX_LOG("invalid block size at offset %lu\n", static_cast<unsigned long>(offset));
+    KORVEX_LOG("invalid block size at offset %llu\n", static_cast<unsigned long long>(offset));
   else
-    KORVEX_LOG("corrupted header detected at offset %lu\n", static_cast<unsigned long>(offset));
+    KORVEX_LOG("corrupted header detected at offset %llu\n",
+               static_cast<unsigned long long>(offset));
 }
 
 // Reads a block that a chain leads to.
@@ -71,13 +72,13 @@ std::uint64_t find_block(persistent_malloc_s* allocator, std::uint64_t id) {
     }
     if (block.id == id) return offset;
     if (walked == longest_walk) {
-      KORVEX_LOG("Warning: possible chain cycle detected for ID %lu\n",
-                 static_cast<unsigned long>(id));
+      KORVEX_LOG("Warning: possible chain cycle detected for ID %llu\n",
+                 static_cast<unsigned long long>(id));
       return 0;
     }
     offset = block.next_offset;
     if (offset != 0 && !persistent_is_block_offset(offset, header->used_size)) {
-      KORVEX_LOG("invalid next_offset %lu in chain\n", static_cast<unsigned long>(offset));
+      KORVEX_LOG("invalid next_offset %llu in chain\n", static_cast<unsigned long long>(offset));
       return 0;
     }
   }

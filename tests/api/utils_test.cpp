@@ -10,6 +10,7 @@
 
 #include "api/utils_object.h"
 #include "api/vector_printer.h"
+#include "host_system.h"
 #include "runtime/log.h"
 #include "runtime/platform/files.h"
 #include "runtime/platform/threads.h"
@@ -55,10 +56,11 @@ TEST_F(Utils, DeletesOneKindOfFileInOneDirectory) {
   for (const char* name : {"a.korvex", "b.korvex", "korvex", "c.korvex.txt", "d.KORVEX"})
     touch(name);
   std::ofstream(directory_ / "below.korvex" / "deep.korvex") << "x";
-  EXPECT_EQ(utils_->deleteFiles(directory_.c_str(), 0, "korvex", 3), 2);
-  for (const char* name : {"korvex", "c.korvex.txt", "d.KORVEX", "below.korvex/deep.korvex"})
+  const int any_case = host_system::ending_has_any_case ? 1 : 0;
+  EXPECT_EQ(utils_->deleteFiles(directory_.string().c_str(), 0, "korvex", 3), 2 + any_case);
+  for (const char* name : {"korvex", "c.korvex.txt", "below.korvex/deep.korvex"})
     EXPECT_TRUE(fs::exists(directory_ / name)) << name;
-  EXPECT_EQ(utils_->deleteFiles(directory_.c_str(), 0, "korvex", 0), 0);
+  EXPECT_EQ(utils_->deleteFiles(directory_.string().c_str(), 0, "korvex", 0), 0);
   const std::string a_file = touch("plain");
   const std::string too_long = directory_.string() + std::string(259, '/');
   for (const char* bad : {static_cast<const char*>(nullptr), "", a_file.c_str(), too_long.c_str()})

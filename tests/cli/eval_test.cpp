@@ -1,5 +1,3 @@
-#include <sys/wait.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -11,6 +9,7 @@
 #include "cli/dataset.h"
 #include "cli/errors.h"
 #include "cli/ground_truth.h"
+#include "host_system.h"
 #include "tests/cli/scratch_directory.h"
 
 namespace korvex::cli {
@@ -72,12 +71,12 @@ class Eval : public ScratchDirectory {
 
   // The exit code; what was written stands in out_ and err_.
   int run(const std::string& arguments) {
-    const std::string command = std::string(KORVEX_TOOL_PATH) + " " + arguments + " >" +
-                                path("out") + " 2>" + path("err") + " </dev/null";
+    const std::string command = host_system::command(KORVEX_TOOL_PATH) + " " + arguments + " >" +
+                                path("out") + " 2>" + path("err") + " <" + host_system::null_device;
     const int status = std::system(command.c_str());
     out_ = read_file(path("out"));
     err_ = read_file(path("err"));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return host_system::exit_code(status);
   }
   std::string data() const {
     return "eval --base " + path("base.fvecs") + " --queries " + path("queries.fvecs.gz") +
@@ -192,8 +191,10 @@ TEST_F(Eval, ExitCodesTellWhatWentWrong) {
     EXPECT_NE(err_.find(each.text), std::string::npos) << each.arguments << "\n" << err_;
     if (each.code != 0) EXPECT_EQ(out_, "") << each.arguments;
   }
-  const std::string full = std::string(KORVEX_TOOL_PATH) + " " + data() + " >/dev/full 2>/dev/null";
-  if (std::filesystem::exists("/dev/full")) EXPECT_EQ(WEXITSTATUS(std::system(full.c_str())), 4);
+  const std::string full =
+      host_system::command(KORVEX_TOOL_PATH) + " " + data() + " >/dev/full 2>/dev/null";
+  if (std::filesystem::exists("/dev/full"))
+    EXPECT_EQ(host_system::exit_code(std::system(full.c_str())), 4);
 }
 
 TEST_F(Eval, BruteForceFindsTheNearestInEveryMetricAndCountsTies) {

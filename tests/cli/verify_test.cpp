@@ -1,5 +1,3 @@
-#include <sys/wait.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +9,7 @@
 #include "engine/insertion.h"
 #include "engine/points.h"
 #include "engine/teardown.h"
+#include "host_system.h"
 #include "runtime/log.h"
 #include "tests/cli/scratch_directory.h"
 
@@ -50,12 +49,12 @@ class IndexVerbs : public ScratchDirectory {
   }
 
   int run(const std::string& arguments) {
-    const std::string command = std::string(KORVEX_TOOL_PATH) + " " + arguments + " >" +
-                                path("out") + " 2>" + path("err") + " </dev/null";
+    const std::string command = host_system::command(KORVEX_TOOL_PATH) + " " + arguments + " >" +
+                                path("out") + " 2>" + path("err") + " <" + host_system::null_device;
     const int status = std::system(command.c_str());
     out_ = read_file(path("out"));
     err_ = read_file(path("err"));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return host_system::exit_code(status);
   }
   std::string folder() const { return path("base/nimbra-korvex/0"); }
 

@@ -22,6 +22,7 @@
 #include "engine/insertion.h"
 #include "engine/runtime.h"
 #include "engine/teardown.h"
+#include "host_system.h"
 #include "math/metrics.h"
 #include "runtime/log.h"
 
@@ -38,7 +39,7 @@ inline constexpr bool sanitized = false;
 // Ends the process when the scope lasts too long: a hang shows where it is, and the other tests still run.
 class watchdog {
  public:
-  explicit watchdog(int seconds = sanitized ? 60 : 20)
+  explicit watchdog(int seconds = (sanitized ? 60 : 20) * host_system::patience)
       : thread_([this, seconds] {
           std::unique_lock lock(mutex_);
           if (over_.wait_for(lock, std::chrono::seconds(seconds), [this] { return done_; })) return;
@@ -62,7 +63,8 @@ class watchdog {
 };
 
 // False when the condition did not come true in time.
-inline bool eventually(const std::function<bool()>& condition, int seconds = sanitized ? 30 : 10) {
+inline bool eventually(const std::function<bool()>& condition,
+                       int seconds = (sanitized ? 30 : 10) * host_system::patience) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;

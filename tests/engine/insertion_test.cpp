@@ -87,7 +87,7 @@ TEST(Insertion, CountsEveryPointWhoeverLinksIt) {
 // Threads that retire and points that arrive at the same moment: nobody waits, so nobody repairs.
 TEST(Insertion, NoPointIsLostWhileThreadsRetire) {
   const watchdog guard;
-  const cloud points = make_clusters(sanitized ? 500 : 3'000, 2, 1);
+  const cloud points = make_clusters((sanitized ? 500 : 3'000) / host_system::patience, 2, 1);
   for (const int threads : {1, 3}) {
     const open_index index({.dimension = 2, .threads = threads, .constellation = 2, .radius = 1});
     std::atomic<bool> over{false};

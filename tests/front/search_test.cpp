@@ -125,7 +125,10 @@ TEST(Search, ADeadlineCutsAnswersOffAndSaysSo) {
   EXPECT_TRUE(index.search(points[0], 3, {.deadline = std::chrono::hours(1)}).complete);
   const search_options slow{.filter =
                                 [](id_type id, std::uint64_t) {
-                                  std::this_thread::sleep_for(std::chrono::microseconds(20));
+                                  // Not asleep: some systems sleep for milliseconds or not at all.
+                                  const auto until = std::chrono::steady_clock::now() +
+                                                     std::chrono::microseconds(20);
+                                  while (std::chrono::steady_clock::now() < until) continue;
                                   return id % 1000 == 0;
                                 },
                             .deadline = std::chrono::milliseconds(1)};

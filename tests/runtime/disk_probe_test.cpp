@@ -1,6 +1,5 @@
 #include "runtime/disk_probe.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host_system.h"  // the flags of open
 #include "runtime/log.h"
 #include "runtime/platform/faults.h"
 #include "runtime/platform/files.h"
@@ -55,11 +55,11 @@ TEST_F(DiskProbe, KeptFiguresSaveTheMeasurement) {
   for (const char* text :
        {"60000.50\n90000.25\n", "  60000.50 90000.25", "60000.5\r\n90000.25\r\n"}) {
     keep(text);
-    ASSERT_EQ(disk_perf_test(dir_.c_str(), 4096, 0, 1, 0, &iops), 1) << text;
+    ASSERT_EQ(disk_perf_test(dir_.string().c_str(), 4096, 0, 1, 0, &iops), 1) << text;
     EXPECT_EQ(iops.read, 60000.5);
     EXPECT_EQ(iops.write, 90000.25);
   }
-  EXPECT_TRUE(logged("loading resuls from " + result().string() + "\n"));
+  EXPECT_TRUE(logged("loading resuls from " + dir_.string() + "/iops_result.txt\n"));
 }
 
 TEST_F(DiskProbe, UnusableFiguresAreMeasuredAgainAndFailuresAreTold) {
@@ -79,21 +79,21 @@ TEST_F(DiskProbe, UnusableFiguresAreMeasuredAgainAndFailuresAreTold) {
   for (const auto& row : rows) {
     keep(row.kept);
     disk_iops_s iops{5, 5};
-    EXPECT_EQ(disk_perf_test(dir_.c_str(), 4096, 100, row.duration, row.force, &iops), -1);
+    EXPECT_EQ(disk_perf_test(dir_.string().c_str(), 4096, 100, row.duration, row.force, &iops), -1);
     EXPECT_EQ(iops.read, -1.0);
     EXPECT_EQ(iops.write, -1.0);
     EXPECT_TRUE(logged(std::string("starting disk performance test: ") + row.line));
     EXPECT_FALSE(std::filesystem::exists(scratch()));
   }
   platform::current_fault_hook = nullptr;
-  EXPECT_EQ(measure_iops((dir_ / "none" / "file").c_str(), 4096, 0, 1, 1), -1.0);
+  EXPECT_EQ(measure_iops((dir_ / "none" / "file").string().c_str(), 4096, 0, 1, 1), -1.0);
   EXPECT_TRUE(logged("failed to open test file: "));
-  EXPECT_EQ(measure_iops(scratch().c_str(), 0, 0, 1, 1), -1.0);
+  EXPECT_EQ(measure_iops(scratch().string().c_str(), 0, 0, 1, 1), -1.0);
   EXPECT_TRUE(logged("failed to allocate buffer for test\n"));
 }
 
 TEST_F(DiskProbe, MeasuresBothWaysAndKeepsTheFigures) {
-  const int fd = open_with_direct_io((dir_ / "probe").c_str(), O_RDWR | O_CREAT, 0);
+  const int fd = open_with_direct_io((dir_ / "probe").string().c_str(), O_RDWR | O_CREAT, 0);
   if (fd < 0) GTEST_SKIP() << "no unbuffered files in this directory";
   platform::close_file(fd);
   const std::string nested = (dir_ / "a" / "b").string();

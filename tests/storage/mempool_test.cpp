@@ -107,7 +107,7 @@ TEST_F(Mempool, RefusesFalseFreesAndFalsePools) {
   void* data = mempool_alloc(pool, &id, nullptr);
   mempool_free(pool, data, nullptr);
   mempool_free(pool, data, nullptr);
-  EXPECT_TRUE(logged("): *** BUG *** double free detected 0x"));
+  EXPECT_TRUE(logged("): *** BUG *** double free detected "));
   EXPECT_EQ(mempool_get_from_id(pool, id), nullptr);
   EXPECT_TRUE(logged("): block is already free\n"));
   EXPECT_EQ(mempool_alloc(pool, nullptr, nullptr), data);
@@ -119,9 +119,9 @@ TEST_F(Mempool, RefusesFalseFreesAndFalsePools) {
   mempool_free(pool, foreign + 4, nullptr);
   EXPECT_TRUE(logged(" 0 59ac\n"));
   mempool_free(pool, reinterpret_cast<char*>(foreign) + 33, nullptr);
-  EXPECT_TRUE(logged("): *** BUG *** bad data 0x"));
+  EXPECT_TRUE(logged("): *** BUG *** bad data "));
   mempool_free_auto(foreign + 4, nullptr);
-  EXPECT_TRUE(logged("): *** BUG *** null pool in block 0x"));
+  EXPECT_TRUE(logged("): *** BUG *** null pool in block "));
 
   auto* not_a_pool = reinterpret_cast<mempool_s*>(foreign);
   EXPECT_EQ(mempool_alloc(not_a_pool, nullptr, nullptr), nullptr);

@@ -40,7 +40,10 @@ std::string saved_name;
 
 class PersistentAllocator : public testing_support::StorageFixture {
  protected:
-  ~PersistentAllocator() override { persistent_malloc_destroy(allocator_); }
+  void TearDown() override {
+    close();
+    StorageFixture::TearDown();
+  }
 
   bool open(unsigned size = 0) {
     close();

@@ -84,7 +84,8 @@ struct disk {
 
   std::set<std::string> files() const {
     std::set<std::string> names;
-    for (const auto& file : fs::directory_iterator(path)) names.insert(file.path().filename());
+    for (const auto& file : fs::directory_iterator(path))
+      names.insert(file.path().filename().string());
     return names;
   }
 };

@@ -30,21 +30,26 @@ file_status status_of(const char* path);
 // The room that a file takes on disk; its holes take none. 0 when the system does not tell.
 std::uint64_t allocated_bytes(const char* path);
 
-// A descriptor with close-on-exec, or -1. New files are readable and writable by their owner only.
+// A descriptor that no child process inherits, or -1. New files are readable and writable by their owner only, or
+// by whom their directory says where files inherit that.
 int open_file(const char* path, open_mode mode);
 // An unbuffered descriptor, or -1: offsets, sizes and buffers must be multiples of the device's
 // block.
 int open_unbuffered(const char* path, bool read, bool write, bool create, bool exclusive,
                     bool truncate);
 void close_file(int fd);
+// A stream that writes to the descriptor, null when there is none; closing it closes the descriptor.
+std::FILE* stream_of_file(int fd);
 
 // Bytes moved, less than `size` only at the end of the file; -1 on an error.
 std::int64_t read_at(int fd, void* data, std::uint64_t size, std::uint64_t offset);
 std::int64_t write_at(int fd, const void* data, std::uint64_t size, std::uint64_t offset);
-// Writes all of it at the descriptor's position; false on an error.
+// Writes all of it at the descriptor's position, as it is; false on an error.
 bool write_all(int fd, const void* data, std::uint64_t size);
 // The same through an open stream, after what it holds: one write, so that no other gets in between.
 bool write_stream(std::FILE* stream, const void* data, std::uint64_t size);
+// From here on standard output and error take every byte as it is: no line end becomes two characters.
+void keep_line_ends();
 // Whether a person watches what is written to the stream.
 bool is_terminal(std::FILE* stream);
 

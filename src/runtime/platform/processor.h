@@ -15,6 +15,8 @@ cpuid_result cpuid(std::uint32_t leaf, std::uint32_t subleaf);
 std::uint64_t xgetbv(std::uint32_t index);
 
 enum class core_type { unknown, performance, efficiency };
+// The kind of the processor under the calling thread, by its own word.
+core_type core_type_here();
 // The kind of one processor of a hybrid machine; unknown on others. May move the calling thread for
 // a moment and puts it back.
 core_type core_type_of(int processor);

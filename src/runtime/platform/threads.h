@@ -12,7 +12,7 @@ namespace korvex::platform {
 std::uint32_t thread_id();
 
 // Makes a condition variable whose timed waits take condition_deadline's clock, which no change of
-// the wall clock moves. 0 or -1.
+// the wall clock moves where the system has such waits. 0 or -1.
 int init_condition(pthread_cond_t* condition);
 // The absolute time `ms` from now on the clock of init_condition's waits.
 timespec condition_deadline(std::uint64_t ms);
@@ -21,10 +21,14 @@ timespec condition_deadline(std::uint64_t ms);
 // target, 0 for the calling thread. 0, or -1 when the system refuses.
 int set_thread_priority(std::uint32_t id, int level);
 
-// Whether this still is the process of that number: a forked child has lost the threads of its
-// parent.
-bool process_is(std::uint32_t pid);
+// Whether a thread that the process `owner` started still runs, if it was not joined: a forked child has lost the
+// threads of its parent, and a library may be told of the end of its process when its threads are dead already.
+bool thread_runs(pthread_t thread, std::uint32_t owner);
 std::uint32_t process_id();
+
+// Keeps the library that holds this code loaded until the process ends. Called before the first thread is started: its
+// code may still run when the host unloads the library.
+void keep_library_loaded();
 
 }  // namespace korvex::platform
 

@@ -4,8 +4,8 @@
 #include <fstream>
 #include <set>
 
+#include "host_system.h"
 #include "library.h"
-#include "platform.h"
 
 namespace {
 
@@ -43,14 +43,15 @@ TEST(ContractExports, IdsGrowAndComeBackOnlyOnRequest) {
 
 TEST(ContractExports, FilesLieWhereTheHostSays) {
   const temporary_directory home, base;
-  if (user_data_variable != nullptr) {
-    const char* const old = std::getenv(user_data_variable);
-    const std::string before = old != nullptr ? old : "";
-    set_variable(user_data_variable, home.name().c_str());
+  {
+    const host_system::user_folder users(home.path());
+    const fs::path file = users.path() / "nimbra-korvex/0/nimbra-korvex.korvex";
     index_ptr index(lib().on_disk(dimension, nullptr, nullptr));
     ASSERT_NE(index, nullptr);
-    EXPECT_TRUE(fs::exists(home.path() / "nimbra-korvex/0/nimbra-korvex.korvex"));
-    set_variable(user_data_variable, old != nullptr ? before.c_str() : nullptr);
+    EXPECT_TRUE(fs::exists(file));
+    index->destroyIndexOnDelete(1);
+    index.reset();
+    EXPECT_FALSE(fs::exists(file));
   }
   const std::string blocked = (base.path() / "file").string();
   std::ofstream(blocked) << "x";

@@ -6,12 +6,12 @@
 #include <random>
 #include <stdexcept>
 
-#include "platform.h"
+#include "host_system.h"
 
 library::library() {
   testing::internal::CaptureStdout();
-  handle = open_library(KORVEX_LIBRARY_PATH);
-  const std::string error = handle == nullptr ? loading_error() : "";
+  handle = host_system::load_library(KORVEX_LIBRARY_PATH);
+  const std::string error = handle == nullptr ? host_system::load_error() : "";
   greeting = testing::internal::GetCapturedStdout();
   if (handle == nullptr) throw std::runtime_error(error);
   version = function<int()>("KorvexInterfaceVersion");
@@ -25,7 +25,7 @@ library::library() {
 }
 
 void* library::find(const char* name) const {
-  void* const found = find_function(handle, name);
+  void* const found = host_system::find_function(handle, name);
   if (found == nullptr) throw std::runtime_error(std::string("no function ") + name);
   return found;
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "runtime/platform/clock_source.h"
+
 namespace korvex::platform {
 namespace {
 
@@ -37,17 +39,8 @@ bool earlier(const timespec& a, const timespec& b) {
 
 }  // namespace
 
-std::uint64_t time_usec() {
-  static std::atomic<std::uint64_t> latest{0};
-  const std::uint64_t now = read_clock(CLOCK_REALTIME, usec_per_second);
-  std::uint64_t seen = latest.load(std::memory_order_relaxed);
-  while (seen < now && !latest.compare_exchange_weak(seen, now, std::memory_order_relaxed)) {
-  }
-  return std::max(seen, now);
-}
-
-std::uint64_t time_ms() {
-  return time_usec() / 1'000;
+std::uint64_t wall_clock_usec() {
+  return read_clock(CLOCK_REALTIME, usec_per_second);
 }
 
 std::uint64_t monotonic_ns() {

@@ -122,6 +122,10 @@ int open_unbuffered(const char* path, bool read, bool write, bool create, bool e
   return open_with(path, flags);
 }
 
+std::FILE* stream_of_file(int fd) {
+  return ::fdopen(fd, "w");
+}
+
 void close_file(int fd) {
   // Not repeated after a signal: the descriptor is gone by then and may be another thread's
   // already.
@@ -159,6 +163,8 @@ bool write_stream(std::FILE* stream, const void* data, std::uint64_t size) {
   funlockfile(stream);
   return done;
 }
+
+void keep_line_ends() {}
 
 bool is_terminal(std::FILE* stream) {
   return isatty(fileno(stream)) == 1;

@@ -2,9 +2,6 @@
 
 #include <sched.h>
 #include <unistd.h>
-#if defined(__x86_64__)
-#include <cpuid.h>
-#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -14,10 +11,6 @@
 
 namespace korvex::platform {
 namespace {
-
-constexpr std::uint32_t leaf_hybrid_kind = 0x1A;
-constexpr std::uint32_t hybrid_kind_atom = 0x20;
-constexpr std::uint32_t hybrid_kind_core = 0x40;
 
 // A processor mask of any size: a fixed cpu_set_t ends at 1,024 processors and the system refuses a
 // short one.
@@ -68,18 +61,6 @@ int listed_in(const char* path, int processor) {
   return found;
 }
 
-core_type core_type_here() {
-  if (cpuid(0, 0).eax < leaf_hybrid_kind) return core_type::unknown;
-  switch (cpuid(leaf_hybrid_kind, 0).eax >> 24) {
-    case hybrid_kind_core:
-      return core_type::performance;
-    case hybrid_kind_atom:
-      return core_type::efficiency;
-    default:
-      return core_type::unknown;
-  }
-}
-
 // Every processor that the thread could be bound to when first asked: the way back from
 // bind_thread.
 const processor_set& initial_processors() {
@@ -93,31 +74,6 @@ int processor_count() {
   const long count = sysconf(_SC_NPROCESSORS_ONLN);
   return count < 1 ? 1 : static_cast<int>(count);
 }
-
-#if defined(__x86_64__)
-cpuid_result cpuid(std::uint32_t leaf, std::uint32_t subleaf) {
-  cpuid_result result{};
-  __cpuid_count(leaf, subleaf, result.eax, result.ebx, result.ecx, result.edx);
-  return result;
-}
-
-std::uint64_t xgetbv(std::uint32_t index) {
-  std::uint32_t low = 0;
-  std::uint32_t high = 0;
-  // Written out, since the intrinsic needs a compiler flag that would allow the instruction
-  // everywhere.
-  __asm__ volatile("xgetbv" : "=a"(low), "=d"(high) : "c"(index));
-  return std::uint64_t{high} << 32 | low;
-}
-#else
-// No such instructions: a highest leaf of 0 tells that there is nothing to read.
-cpuid_result cpuid(std::uint32_t, std::uint32_t) {
-  return {};
-}
-std::uint64_t xgetbv(std::uint32_t) {
-  return 0;
-}
-#endif
 
 core_type core_type_of(int processor) {
   const int performance = listed_in("/sys/devices/cpu_core/cpus", processor);

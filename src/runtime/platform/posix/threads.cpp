@@ -61,12 +61,15 @@ int set_thread_priority(std::uint32_t id, int level) {
   return setpriority(PRIO_PROCESS, id, nice_of_level[level + 3]) == 0 ? 0 : -1;
 }
 
-bool process_is(std::uint32_t pid) {
-  return process_id() == pid;
+bool thread_runs(pthread_t /*thread*/, std::uint32_t owner) {
+  return process_id() == owner;
 }
 
 std::uint32_t process_id() {
   return static_cast<std::uint32_t>(getpid());
 }
+
+// The library is linked so that it stays.
+void keep_library_loaded() {}
 
 }  // namespace korvex::platform

@@ -1,0 +1,7 @@
+include(HeadersOfHost)
+if(NOT TARGET CLI11::CLI11)
+  korvex_host_headers(CLI11::CLI11 CLI)
+endif()
+if(TARGET CLI11::CLI11)
+  set(CLI11_FOUND TRUE)
+endif()

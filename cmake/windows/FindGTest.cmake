@@ -1,0 +1,11 @@
+# Debian has GoogleTest's sources: the tests build their own.
+if(NOT TARGET gtest AND EXISTS /usr/src/googletest/CMakeLists.txt)
+  set(INSTALL_GTEST OFF)
+  set(BUILD_GMOCK OFF)
+  set(gtest_disable_pthreads OFF)
+  add_subdirectory(/usr/src/googletest "${CMAKE_BINARY_DIR}/googletest" EXCLUDE_FROM_ALL)
+  set_target_properties(gtest gtest_main PROPERTIES COMPILE_OPTIONS "-w")
+endif()
+if(TARGET gtest)
+  set(GTest_FOUND TRUE)
+endif()

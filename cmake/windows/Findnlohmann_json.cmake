@@ -1,0 +1,7 @@
+include(HeadersOfHost)
+if(NOT TARGET nlohmann_json::nlohmann_json)
+  korvex_host_headers(nlohmann_json::nlohmann_json nlohmann)
+endif()
+if(TARGET nlohmann_json::nlohmann_json)
+  set(nlohmann_json_FOUND TRUE)
+endif()

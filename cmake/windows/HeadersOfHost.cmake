@@ -1,0 +1,15 @@
+# korvex_host_headers(TARGET NAME...): an interface library that includes these headers of the building system, and no other:
+# its include folder as a whole would bring in the wrong C library.
+function(korvex_host_headers target)
+  set(folder "${CMAKE_BINARY_DIR}/headers/${target}")
+  string(REPLACE "::" "_" folder "${folder}")
+  file(MAKE_DIRECTORY "${folder}")
+  foreach(name IN LISTS ARGN)
+    if(NOT EXISTS "/usr/include/${name}")
+      return()
+    endif()
+    file(CREATE_LINK "/usr/include/${name}" "${folder}/${name}" SYMBOLIC)
+  endforeach()
+  add_library(${target} INTERFACE IMPORTED GLOBAL)
+  target_include_directories(${target} SYSTEM INTERFACE "${folder}")
+endfunction()
