@@ -7,6 +7,7 @@
 #include "engine/runtime.h"
 #include "engine/store_layout.h"
 #include "runtime/platform/files.h"
+#include "runtime/platform/memory.h"
 
 namespace korvex {
 
@@ -47,6 +48,9 @@ bool points_without_vectors(const hnsw_s& stored, const std::string& directory,
 
 void settle_record(hnsw_s* hnsw) {
   hnsw->constant8 = 8;
+  // More than the machine has was asked for on another one, or never.
+  const std::uint64_t most_cache = std::max<std::uint64_t>(platform::available_memory(), 100);
+  hnsw->disk_cache_size = std::min(hnsw->disk_cache_size, most_cache);
   if (!std::isfinite(hnsw->expand_setting)) hnsw->expand_setting = 0.0f;
   if (!std::isfinite(hnsw->probe_step)) hnsw->probe_step = 0.0f;
   const std::uint32_t probes = hnsw->shape_valid != 0 ? hnsw->shape_probes : 0;

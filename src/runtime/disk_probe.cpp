@@ -63,6 +63,8 @@ bool parse_figure(const char*& at, const char* end, double* figure) {
 }
 
 bool load_figures(const std::string& path, disk_iops_s* out) {
+  if (!platform::status_of(path.c_str()).regular)
+    return false;  // a pipe would wait for its other end
   const open_descriptor file(platform::open_file(path.c_str(), platform::open_mode::read_only));
   if (file.get() < 0) return false;
   char text[256];

@@ -6,6 +6,7 @@
 #include "engine/verify.h"
 #include "fuzz/target.h"
 #include "korvex/korvex.h"
+#include "search/direct.h"
 
 // An index as a host opens it: query, add, delete, close, and once more. `record` changes bytes of
 // the index file alone and keeps the settings that it holds, threads among them; `directory` changes
@@ -70,9 +71,17 @@ void ask(Korvex* index, unsigned number) {
   check_answer(index, query.get());
   query->more();
   check_answer(index, query.get());
+
+  std::uint32_t ids[k];
+  std::uint32_t count = 0;
+  if (korvex_search_direct(index->get_base(0), vector_of(number).data(), 1, k, nullptr, ids,
+                           nullptr, &count) != 1)
+    return;
+  for (std::uint32_t i = 0; i < count; ++i)
+    KORVEX_FUZZ_CHECK(ids[i] < load_counter(index->get_base(0)->added));
 }
 
-// A point that is reported as added is found by a query for itself, unless somebody hid it.
+// An addition takes one place, or none.
 void add(Korvex* index, unsigned number) {
   const unsigned before = load_counter(index->get_base(0)->added);
   index->addVector(vector_of(number).data(), 0, number);

@@ -1,6 +1,7 @@
 #include "runtime/disk_probe.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -73,6 +74,8 @@ TEST_F(DiskProbe, UnusableFiguresAreMeasuredAgainAndFailuresAreTold) {
     const char* line;
   } const rows[] = {
       {"60000.50\n", 5000, 0, "block size 4096 file size 100 duration 1000 secs\n"},
+      {"inf\n5\n", 9, 0, "block size 4096 file size 100 duration 9 secs\n"},
+      {"-1\n-1\n", 9, 0, "block size 4096 file size 100 duration 9 secs\n"},
       {"fast\nslow\n", 0, 0, "block size 4096 file size 100 duration 10 secs\n"},
       {"1.00\n2.00\n", 7, 1, "block size 4096 file size 100 duration 7 secs\n"},
   };
@@ -85,6 +88,10 @@ TEST_F(DiskProbe, UnusableFiguresAreMeasuredAgainAndFailuresAreTold) {
     EXPECT_TRUE(logged(std::string("starting disk performance test: ") + row.line));
     EXPECT_FALSE(std::filesystem::exists(scratch()));
   }
+  std::filesystem::remove(result());
+  ASSERT_EQ(::mkfifo(result().c_str(), 0600), 0);
+  disk_iops_s figures{};
+  EXPECT_EQ(disk_perf_test(dir_.c_str(), 4096, 100, 1, 0, &figures), -1);
   platform::current_fault_hook = nullptr;
   EXPECT_EQ(measure_iops((dir_ / "none" / "file").string().c_str(), 4096, 0, 1, 1), -1.0);
   EXPECT_TRUE(logged("failed to open test file: "));
