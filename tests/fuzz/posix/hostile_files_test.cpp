@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include "engine/disk_fixture.h"
 #include "engine/store_layout.h"
 #include "fuzz/damage.h"
+#include "runtime/disk_probe.h"
 #include "search/direct.h"
 #include "storage/bloom_filter.h"
 
@@ -350,6 +352,23 @@ TEST_F(HostileFiles, WithoutRightsNothingIsGivenUp) {
     const attempt again(base_.path(), dimension);
     ASSERT_NE(again.get(), nullptr);
     EXPECT_EQ(again.found(ours_->data), points);
+  }
+}
+
+// A pipe in the place of a file is never opened: that would wait for somebody at its other end.
+TEST_F(HostileFiles, NobodyWaitsForAPipe) {
+  const watchdog guard;
+  const std::string figures = base_.path() + "/iops_result.txt";
+  ASSERT_EQ(::mkfifo(figures.c_str(), 0600), 0);
+  disk_iops_s probe{};
+  EXPECT_EQ(disk_perf_test(base_.path().c_str(), 0, 0, 1, 0, &probe),
+            -1);  // no block size: cannot be measured
+  for (const std::string& path : {store_file(2), index_file()}) {
+    fs::remove(path);
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    const attempt index(base_.path(), dimension);
+    EXPECT_EQ(index.get() == nullptr, path == index_file());
+    if (index.get() != nullptr) EXPECT_TRUE(index.takes(fresh_[0]));
   }
 }
 
