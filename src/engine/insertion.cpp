@@ -233,6 +233,7 @@ void korvex_add_multiple(hnsw_s* hnsw, const float* v, int n, std::uint32_t* fir
                          std::uint32_t* last) {
   std::uint32_t ids[2] = {0, 0};
   for (int i = 0; hnsw != nullptr && v != nullptr && i < n; ++i) {
+    if (load_counter(hnsw->stop_indexing) != 0) break;  // given up under the call
     ids[1] = korvex_add(hnsw, v + static_cast<std::size_t>(i) * hnsw->dimension, 0);
     if (i == 0) ids[0] = ids[1];
   }

@@ -10,6 +10,7 @@
 #include "engine/distances.h"
 #include "engine/indexing.h"
 #include "engine/insertion.h"
+#include "engine/scoring.h"
 #include "engine/startup.h"
 #include "engine/walk.h"
 #include "runtime/log.h"
@@ -25,15 +26,13 @@ constexpr unsigned visited_bits = 1'000'000;
 constexpr std::uint32_t no_id = 0xFFFFFFFFu;
 constexpr std::int64_t max_candidates = 1 << 24;
 constexpr std::uint32_t scan_batch = 16;
-constexpr std::uint32_t scan_steps_between_looks = 1'024;
 constexpr std::uint64_t never = ~std::uint64_t{0};
 
 // What a walk and a scan cost, in distance evaluations. A walk evaluates a few points for each
-// candidate that it keeps and moves half of its sorted candidates for each that comes in; a scan
-// asks about an id for a fraction of an evaluation. Measured by bench/filters.
+// candidate that it keeps and moves half of its sorted candidates for each that comes in. Measured
+// by bench/direct/filters.
 constexpr double evaluations_per_candidate = 5.0;
 constexpr double moves_per_candidate_squared = 0.004;
-constexpr double cost_of_asking = 0.1;
 
 struct bitstore_deleter {
   void operator()(bitstore_s* bits) const { bitstore_free(bits); }
@@ -73,8 +72,8 @@ void give_back(korvex_runtime_s& runtime, std::shared_ptr<direct_scratch> scratc
 // The queries of one call, one after another.
 class direct_query {
  public:
-  direct_query(hnsw_s* hnsw, direct_scratch* scratch, const direct_selection& allowed,
-               std::uint32_t ef, std::uint32_t k, std::uint64_t end_ns, direct_way way)
+  direct_query(hnsw_s* hnsw, direct_scratch* scratch, direct_selection& allowed, std::uint32_t ef,
+               std::uint32_t k, std::uint64_t end_ns, direct_way way)
       : hnsw_(hnsw),
         runtime_(*hnsw->runtime),
         scratch_(*scratch),
@@ -129,9 +128,7 @@ class direct_query {
   double walk_cost(double beam) const {
     return probes() * beam * (evaluations_per_candidate + moves_per_candidate_squared * beam);
   }
-  double scan_cost() const {
-    return allowed_.scanned_ids() * cost_of_asking + allowed_.share() * allowed_.points();
-  }
+  double scan_cost() const { return allowed_.asking_cost() + allowed_.share() * allowed_.points(); }
 
   // *whole: the answers lie well inside of what the walks kept. Where the allowed points are rarer
   // than elsewhere they do not, and the best of them may have been missed.
@@ -211,45 +208,42 @@ class direct_query {
   }
 
   void scan() {
-    std::uint32_t steps = 0;
-    batch_count_ = 0;
-    allowed_.for_each_allowed(scratch_.visited.get(), [&](std::uint32_t id) {
-      if (++steps % scan_steps_between_looks == 0 && late()) {
-        cut_off_ = true;
-        return false;
-      }
-      const char* const vector = reinterpret_cast<const char*>(vector_of(runtime_, id));
-      for (std::uint32_t offset = 0; offset < std::min<std::uint32_t>(runtime_.vector_bytes, 1024);
-           offset += 64)
-        __builtin_prefetch(vector + offset);
+    const row_scorer scorer(runtime_);
+    const auto end = [this] { return late(); };
+    // The second scan of a call: there may be many more.
+    if (scans_++ != 0) cut_off_ = !allowed_.settle(scratch_.visited.get(), end);
+    if (cut_off_) return;
+    cut_off_ = !allowed_.for_each_allowed(scratch_.visited.get(), end, [&](std::uint32_t id) {
+      batch_rows_[batch_count_] = vector_of(runtime_, id);
+      scorer.prefetch(batch_rows_[batch_count_]);
       batch_[batch_count_++] = id;
-      if (batch_count_ == scan_batch) score();
-      return true;
+      if (batch_count_ == scan_batch) score(scorer);
     });
-    score();
+    score(scorer);
   }
 
-  void score() {
-    const distance_kernel distance = runtime_.distance_function.load(std::memory_order_acquire);
+  void score(const row_scorer& scorer) {
+    float distances[scan_batch];
+    scorer.score_fetched(scratch_.query.get(), batch_rows_, batch_count_, distances);
     const float direction = runtime_.direction.load(std::memory_order_relaxed);
     for (std::uint32_t i = 0; i < batch_count_; ++i)
-      keep(key_of(direction, distance(scratch_.query.get(), vector_of(runtime_, batch_[i]),
-                                      runtime_.dimension)),
-           batch_[i]);
+      keep(key_of(direction, distances[i]), batch_[i]);
     batch_count_ = 0;
   }
 
   hnsw_s* const hnsw_;
   const korvex_runtime_s& runtime_;
   direct_scratch& scratch_;
-  const direct_selection& allowed_;
+  direct_selection& allowed_;
   const std::uint32_t ef_;
   const std::uint32_t k_;
   const std::uint64_t end_ns_;
   const direct_way way_;
   bool cut_off_ = false;
+  std::uint32_t scans_ = 0;
   std::uint32_t batch_count_ = 0;
   std::uint32_t batch_[scan_batch];
+  const float* batch_rows_[scan_batch];
 };
 
 // The caller's buffers; k columns.
@@ -281,7 +275,7 @@ std::uint32_t candidates(const hnsw_s* hnsw, int radius, int k) {
 std::int64_t answer_all(hnsw_s* hnsw, const float* queries, std::size_t n, std::uint32_t k,
                         const direct_options& options, std::uint64_t end_ns,
                         const answer_rows& rows, direct_scratch* scratch) {
-  const direct_selection allowed(hnsw, options, scratch->allowed.get());
+  direct_selection allowed(hnsw, options, scratch->allowed.get());
   const std::uint32_t useful = std::max(std::min(k, allowed.points()), 1u);
   const int radius = options.radius;
   direct_query query(hnsw, scratch, allowed, candidates(hnsw, radius, static_cast<int>(useful)),

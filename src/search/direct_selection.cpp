@@ -60,10 +60,12 @@ double direct_selection::filter_share() const {
 }
 
 std::uint32_t direct_selection::next_candidate(std::uint32_t id) const {
-  if (options_.allowed_bits == nullptr) return id;
-  const std::size_t bits = std::min<std::size_t>(options_.allowed_bit_count, points_);
+  const std::uint64_t* words = settled_.empty() ? options_.allowed_bits : settled_.data();
+  if (words == nullptr) return id;
+  const std::size_t bits =
+      settled_.empty() ? std::min<std::size_t>(options_.allowed_bit_count, points_) : points_;
   for (std::size_t public_id = id - 1; public_id < bits;) {
-    const std::uint64_t rest = options_.allowed_bits[public_id / 64] >> (public_id % 64);
+    const std::uint64_t rest = words[public_id / 64] >> (public_id % 64);
     if (rest != 0) {
       const std::size_t found = public_id + static_cast<std::size_t>(std::countr_zero(rest));
       return found < bits ? static_cast<std::uint32_t>(found) + 1 : points_ + 1;
