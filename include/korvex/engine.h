@@ -91,7 +91,7 @@ typedef struct korvex_estimate_s {
   uint64_t disk_bytes;    // taken by the files; 0 in memory
 } korvex_estimate_s;
 // What an index of `vectors` vectors like the described one will take. Reads dimension, labels,
-// attributes, probes, constellation (0: the defaults) and on_disk. 0 or -1.
+// attributes, constellation (0: the default) and on_disk. 0 or -1.
 KORVEX_ENGINE_API int korvex_estimate(const korvex_description_s* description, uint64_t vectors,
                                       korvex_estimate_s* estimate);
 

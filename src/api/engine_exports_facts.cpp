@@ -108,9 +108,9 @@ int korvex_estimate(const korvex_description_s* description, uint64_t vectors,
   if (description == nullptr || estimate == nullptr || description->dimension == 0) return -1;
   korvex_description_s given{};
   __builtin_memcpy(&given, description, std::min<size_t>(description->size, sizeof given));
-  const korvex::index_plan plan{given.dimension,   vectors,           given.constellation,
-                                given.probes,      given.labels != 0, given.attributes != 0,
-                                given.on_disk != 0};
+  const korvex::index_plan plan{given.dimension,       vectors,
+                                given.constellation,   given.labels != 0,
+                                given.attributes != 0, given.on_disk != 0};
   const korvex::index_estimate sizes = korvex::estimate_index(plan);
   *estimate = {sizes.memory_bytes, sizes.disk_bytes};
   return 0;

@@ -3,18 +3,14 @@
 #include <algorithm>
 
 #include "engine/store_layout.h"
-#include "storage/vector_hash.h"
 
 namespace korvex {
 
 namespace {
 
 constexpr std::uint32_t default_constellation = 16;
-constexpr std::uint32_t default_probes = 2;
-// Bytes of star arrays a vector, as clustered data take for arrays of full width; narrower ones are
-// used up better.
-constexpr double star_bytes_a_vector = 100.0;
-constexpr std::uint32_t full_star_width = 32;
+// Of star arrays, as clustered data take; those that were left for larger ones included.
+constexpr std::uint64_t star_bytes_a_vector = 40;
 
 // Files take room in steps, and some ahead of their records.
 constexpr std::uint64_t file_step = 2 << 20;
@@ -30,8 +26,6 @@ std::uint64_t file_bytes(std::uint64_t bytes) {
 index_estimate estimate_index(const index_plan& plan) {
   const std::uint32_t constellation =
       plan.constellation != 0 ? plan.constellation : default_constellation;
-  const std::uint32_t probes =
-      std::clamp(plan.probes != 0 ? plan.probes : default_probes, 1u, max_probes);
   const std::uint64_t points = plan.vectors + 1;  // point 0 is reserved
   const std::uint64_t records[] = {
       std::uint64_t{plan.dimension} * 4,
@@ -40,7 +34,7 @@ index_estimate estimate_index(const index_plan& plan) {
       1,
       plan.labels ? 8u : 0u,
       plan.attributes ? 8u : 0u,
-      static_cast<std::uint64_t>(star_bytes_a_vector * star_width(probes) / full_star_width),
+      star_bytes_a_vector,
   };
   // On disk: the index file and the result cache.
   index_estimate sizes{0, plan.on_disk ? 2 * file_step : 0};

@@ -10,7 +10,6 @@ struct index_plan {
   std::uint32_t dimension;
   std::uint64_t vectors;
   std::uint32_t constellation;  // 0: the default
-  std::uint32_t probes;         // 0: the default
   bool labels;
   bool attributes;
   bool on_disk;
