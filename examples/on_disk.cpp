@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
       argc > 1 ? argv[1] : std::filesystem::temp_directory_path() / "korvex-example";
   std::filesystem::create_directories(folder);
   const std::uint32_t dimension = 32;
-  const std::uint32_t count = 20'000;
+  const std::uint32_t count = 5'000;
 
   // What it will take, before anything is built.
   const korvex::index_options options{.dimension = dimension, .directory = folder, .name = "demo"};

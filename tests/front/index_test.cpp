@@ -174,7 +174,7 @@ TEST(Index, WaitReadyTellsProgressAndCanBeStopped) {
 TEST(Index, EstimatesWhatItWillTake) {
   const scratch_directory scratch;
   for (const std::size_t dimension : {16u, 128u}) {
-    const cloud points = make_clusters(6000, dimension, 2);
+    const cloud points = make_clusters(sanitized ? 2000 : 6000, dimension, 2);
     for (const bool on_disk : {false, true}) {
       index_options options = small(static_cast<std::uint32_t>(dimension), true);
       options.indexing_threads = 2;
