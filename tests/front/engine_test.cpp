@@ -29,54 +29,6 @@ Record sized(std::uint32_t size = sizeof(Record)) {
   return record;
 }
 
-TEST(Engine, WithoutAnIndexEveryCallAnswersWithItsFailureValue) {
-  hnsw_s* const none = nullptr;
-  const float vector[2] = {1, 2};
-  float out[2];
-  std::uint32_t id = 9;
-  std::uint32_t last = 9;
-  auto stats = sized<korvex_stats_s>();
-  auto counts = sized<korvex_counts_s>();
-  auto description = sized<korvex_description_s>();
-  korvex_estimate_s estimate;
-  korvex_free(none);
-  EXPECT_EQ(korvex_init_memory(none), -1);
-  EXPECT_EQ(korvex_sync_to_disk(none, 0), -1);
-  EXPECT_EQ(korvex_set_max_ram_usage(none, 5), 0);
-  EXPECT_EQ(korvex_set_result_cache(none, 1), -1);
-  EXPECT_EQ(korvex_init_log(none, 1), -1);
-  EXPECT_EQ(korvex_add(none, vector, 0), 0u);
-  EXPECT_EQ(korvex_try_add(none, vector, 0, &id), -1);
-  korvex_add_multiple(none, vector, 1, &id, &last);
-  EXPECT_EQ(id + last, 0u);
-  EXPECT_EQ(korvex_has_finish_adding(none), 0);
-  EXPECT_EQ(korvex_wait_linked(none, 5), -1);
-  EXPECT_EQ(korvex_delete(none, 0, 0), -1);
-  EXPECT_EQ(korvex_is_flag_set_internal(none, 1, 255), 0);
-  EXPECT_EQ(korvex_get_label(none, 0), 0u);
-  EXPECT_EQ(korvex_set_label(none, 0, 3), 0u);
-  EXPECT_EQ(korvex_change_label(none, 0, 3), -1);
-  EXPECT_EQ(korvex_is_indexed(none, vector), 0);
-  EXPECT_GT(korvex_get_distance_ext(none, 0, vector), 3e38f);
-  EXPECT_GT(korvex_get_distance(none, vector, vector), 3e38f);
-  EXPECT_EQ(korvex_get_vector(none, 0, out), -1);
-  EXPECT_EQ(korvex_get_stats(none, &stats), -1);
-  EXPECT_EQ(korvex_get_counts(none, &counts), -1);
-  EXPECT_EQ(korvex_describe(none, &description), -1);
-  EXPECT_EQ(korvex_inspect(0, nullptr, nullptr, &description), -1);
-  EXPECT_EQ(korvex_estimate(nullptr, 5, &estimate), -1);
-  EXPECT_EQ(korvex_search_init(none, 5, nullptr), 0u);
-  EXPECT_EQ(korvex_search(none, 1, vector, 5, 5), KORVEX_FAILED);
-  EXPECT_EQ(korvex_search_more(none, 1), KORVEX_FAILED);
-  EXPECT_EQ(korvex_search_refine(none, 1), KORVEX_FAILED);
-  EXPECT_EQ(korvex_search_filter(none, 1, 1), KORVEX_FAILED);
-  EXPECT_EQ(korvex_search_refine_vector(none, 1, vector, nullptr), -1);
-  EXPECT_EQ(korvex_search_result(none, 1, 0), nullptr);
-  EXPECT_EQ(korvex_search_direct(none, vector, 1, 1, nullptr, &id, nullptr, nullptr), -1);
-  EXPECT_EQ(korvex_bulk_search_results(none, nullptr), nullptr);
-  korvex_bulk_search_free(nullptr);
-}
-
 TEST(Engine, LabelsFromEndToEnd) {
   const cloud points = make_clusters(400, 4, 1);
   hnsw_s* const index = make_index(points);
