@@ -6,7 +6,11 @@
 #include <cstdio>
 
 // The conversions of C99 on every system, also where the system's own printf has others.
+#if defined(__clang__)
+#define KORVEX_PRINTF(f, a) __attribute__((format(printf, f, a)))
+#else
 #define KORVEX_PRINTF(f, a) __attribute__((format(gnu_printf, f, a)))
+#endif
 
 // One line of the library: E for ordinary lines, CRITICAL for a refused operation. The text ends in
 // "\n".
