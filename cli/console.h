@@ -1,7 +1,6 @@
 #ifndef KORVEX_CLI_CONSOLE_H
 #define KORVEX_CLI_CONSOLE_H
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -10,23 +9,41 @@
 #include <string_view>
 #include <thread>
 
-// What the tool writes, and where: results to stdout, all else (log, progress, errors) to stderr or
-// a file.
+namespace CLI {
+class App;
+}
+
+// What the tool writes, and where: results to stdout, all else (log, progress, notes, errors) to
+// stderr or a file.
 namespace korvex::cli {
 
-// Starts the library's log with its lines going to a file (created or cut to nothing), or to stderr
-// when the path is empty. Failure throws tool_error.
-void start_log(const std::string& path);
-// Waits until the lines that were logged are written. Does nothing before start_log.
+// The options that every verb has.
+struct console_options {
+  std::string log;  // file for the library's log
+  bool verbose = false;
+  bool quiet = false;
+};
+void add_console_options(CLI::App& command, console_options& options);
+
+// Starts the library's log: its lines go to the file (created or cut to nothing), to stderr when
+// verbose, else nowhere; refusals go to stderr in any case. Failure throws tool_error.
+void start_console(const console_options& options);
+// Waits until the lines that were logged are written. Does nothing before start_console.
 void finish_log();
 
-// Writes all of it to stdout. Failure throws tool_error.
+// One line on stderr, "korvex: " in front; nothing when quiet.
+void note(std::string_view text);
+
+// Writes all of it to stdout. Failure throws tool_error, a broken pipe interruption.
 void print_result(std::string_view text);
 // Writes a file anew. Failure throws tool_error.
 void write_result_file(const std::string& path, std::string_view text);
 
+// 1.5 as "2 s", 100 as "1 min 40 s".
+std::string duration_text(double seconds);
+
 // One line on stderr that tells how far a phase is, its rate and its remaining time, while stderr is
-// a terminal; without one, nothing is written and no thread runs.
+// a terminal and the tool is not quiet; otherwise nothing is written and no thread runs.
 // Threads   the measured work only counts; a thread of its own reads and draws five times a second.
 class progress {
  public:

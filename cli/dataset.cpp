@@ -17,15 +17,6 @@ namespace {
 
 constexpr std::size_t chunk_floats = 1u << 20;
 
-void check_finite(const std::string& path, const matrix& vectors, std::size_t first_row) {
-  for (std::size_t i = first_row * vectors.dimension; i < vectors.values.size(); ++i) {
-    if (std::isfinite(vectors.values[i])) continue;
-    throw file_error(path,
-                     fmt::format("row {}, column {} holds {}, expected a finite number",
-                                 i / vectors.dimension, i % vectors.dimension, vectors.values[i]));
-  }
-}
-
 void read_all(vector_file& file, const std::string& path, std::size_t row_limit, matrix& vectors,
               std::atomic<std::uint64_t>& rows_read) {
   const std::size_t chunk = std::max<std::size_t>(chunk_floats / vectors.dimension, 1);
@@ -35,7 +26,7 @@ void read_all(vector_file& file, const std::string& path, std::size_t row_limit,
     const std::size_t got =
         file.read(wanted, vectors.values.data() + vectors.rows * vectors.dimension);
     vectors.values.resize((vectors.rows + got) * vectors.dimension);
-    check_finite(path, vectors, vectors.rows);
+    check_finite(path, vectors.row(vectors.rows), got, vectors.dimension, vectors.rows);
     vectors.rows += got;
     rows_read.store(vectors.rows, std::memory_order_relaxed);
     if (got < wanted) return;
@@ -44,8 +35,18 @@ void read_all(vector_file& file, const std::string& path, std::size_t row_limit,
 
 }  // namespace
 
-matrix load_vectors(const std::string& path, std::size_t row_limit) {
-  const std::unique_ptr<vector_file> file = open_vector_file(path);
+void check_finite(const std::string& path, const float* rows, std::size_t count,
+                  std::size_t dimension, std::uint64_t first_row) {
+  for (std::size_t i = 0; i < count * dimension; ++i) {
+    if (std::isfinite(rows[i])) continue;
+    throw file_error(path, fmt::format("row {}, column {} holds {}, expected a finite number",
+                                       first_row + i / dimension, i % dimension, rows[i]));
+  }
+}
+
+matrix load_vectors(const vector_input& input, std::size_t row_limit) {
+  const std::string& path = input.path;
+  const std::unique_ptr<vector_file> file = open_vector_file(input);
   matrix vectors;
   vectors.dimension = file->dimension();
   // One more row than the file has, so that the reader sees its end.
@@ -53,7 +54,8 @@ matrix load_vectors(const std::string& path, std::size_t row_limit) {
   const std::size_t limit = row_limit == 0 ? all : std::min<std::uint64_t>(row_limit, all);
   std::atomic<std::uint64_t> rows_read{0};
   try {
-    if (file->rows()) vectors.values.reserve(limit * vectors.dimension);
+    if (file->rows() && path != standard_input)  // there a header's claim has nothing behind it
+      vectors.values.reserve(limit * vectors.dimension);
     const progress line("reading " + path,
                         file->rows() ? std::min<std::uint64_t>(limit, *file->rows()) : 0,
                         [&] { return rows_read.load(std::memory_order_relaxed); });

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/readers/vector_file.h"
+
 namespace korvex::cli {
 
 // Vectors in memory, row after row.
@@ -19,11 +21,16 @@ struct matrix {
 
 // The first `row_limit` vectors of a file (0: all). Throws file_error, for components that are not
 // finite as well: an index refuses them.
-matrix load_vectors(const std::string& path, std::size_t row_limit);
+matrix load_vectors(const vector_input& input, std::size_t row_limit);
 
 // `count` of the numbers 0 to n - 1, ascending, each choice equally likely; the same for the same
 // seed everywhere. All of them when count >= n.
 std::vector<std::size_t> choose(std::size_t n, std::size_t count, std::uint64_t seed);
+
+// Refuses components that are not finite among `count` rows; the first of them is row `first_row` of
+// the file, as the error says.
+void check_finite(const std::string& path, const float* rows, std::size_t count,
+                  std::size_t dimension, std::uint64_t first_row);
 
 // Keeps the rows that are listed (ascending).
 void keep_rows(matrix& vectors, const std::vector<std::size_t>& rows);

@@ -6,7 +6,6 @@
 #include <cmath>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <numeric>
 
 #include "cli/format.h"
 
@@ -30,15 +29,10 @@ std::string count(int n, const char* what) {
 
 json results_of(const eval_report& report) {
   json rows = json::array();
-  for (const radius_result& at : report.results)
-    rows.push_back({{"radius", at.radius},
-                    {"recall", at.recall},
-                    {"session_recall", at.session_recall},
-                    {"queries_per_second", at.median_rate()},
-                    {"queries_per_second_by_round", at.queries_per_second},
-                    {"latency_mean_ms", 1e3 * at.mean_latency()},
-                    {"latency_p50_ms", 1e3 * at.latency_quantile(0.50)},
-                    {"latency_p99_ms", 1e3 * at.latency_quantile(0.99)}});
+  for (const radius_result& at : report.results) {
+    rows.push_back(result_json(at));
+    rows.back()["session_recall"] = at.session_recall;
+  }
   return rows;
 }
 
@@ -54,26 +48,6 @@ json samples_of(const eval_report& report) {
 }
 
 }  // namespace
-
-double radius_result::median_rate() const {
-  std::vector<double> sorted = queries_per_second;
-  std::sort(sorted.begin(), sorted.end());
-  const std::size_t n = sorted.size();
-  if (n == 0) return 0;
-  return n % 2 == 1 ? sorted[n / 2] : (sorted[n / 2 - 1] + sorted[n / 2]) / 2;
-}
-
-double radius_result::mean_latency() const {
-  const double sum = std::accumulate(latencies.begin(), latencies.end(), 0.0);
-  return latencies.empty() ? 0 : sum / static_cast<double>(latencies.size());
-}
-
-double radius_result::latency_quantile(double share) const {
-  if (latencies.empty()) return 0;
-  const auto rank =
-      static_cast<std::size_t>(std::ceil(share * static_cast<double>(latencies.size())));
-  return latencies[std::clamp<std::size_t>(rank, 1, latencies.size()) - 1];
-}
 
 std::string as_table(const eval_report& report) {
   std::string text;
@@ -101,13 +75,7 @@ std::string as_table(const eval_report& report) {
   line("search",
        fmt::format("{}, result cache {}, {}", count(report.search_threads, "search thread"),
                    report.result_cache, count(report.rounds, "round")));
-  text +=
-      fmt::format("\n{:>8} {:>11} {:>12} {:>10} {:>10} {:>10}\n", "radius",
-                  fmt::format("recall@{}", report.k), "queries/s", "mean ms", "p50 ms", "p99 ms");
-  for (const radius_result& at : report.results)
-    text += fmt::format("{:>8} {:>11.4f} {:>12} {:>10.3f} {:>10.3f} {:>10.3f}\n", at.radius,
-                        at.recall, grouped(whole(at.median_rate())), 1e3 * at.mean_latency(),
-                        1e3 * at.latency_quantile(0.50), 1e3 * at.latency_quantile(0.99));
+  text += "\n" + results_table(report.results, report.k, true);
   text +=
       "\nrecall and queries/s: one bulk query of all queries (median of the rounds)\n"
       "mean, p50, p99: one session that asks one query at a time (all rounds)\n";

@@ -6,21 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "cli/radius_result.h"
+
 namespace korvex::cli {
-
-// What was measured at one radius.
-struct radius_result {
-  int radius = 0;
-  double recall = 0;                       // of the bulk query's answers
-  double session_recall = 0;               // of the answers of the single session
-  std::vector<double> queries_per_second;  // bulk, one a round
-  std::vector<double> latencies;           // seconds a query, of all rounds, ascending
-
-  double median_rate() const;
-  double mean_latency() const;
-  // Nearest rank: the smallest latency that this share of the queries does not exceed.
-  double latency_quantile(double share) const;
-};
 
 struct sample_neighbour {
   std::uint32_t row;  // of the base file

@@ -17,7 +17,7 @@ namespace korvex::cli {
 class ground_truth {
  public:
   // By brute force with the library's kernels, on `threads` threads.
-  // Requirements  start_log ran; k is at most the number of base rows
+  // Requirements  start_console ran; k is at most the number of base rows
   static ground_truth compute(const matrix& base, const matrix& queries,
                               korvex_distance_type metric, std::size_t k, unsigned threads);
   // From an ivecs file; `query_rows` are the rows of it that belong to the queries. Failure throws
@@ -36,12 +36,9 @@ class ground_truth {
   ground_truth(const matrix& base, const matrix& queries, korvex_distance_type metric,
                std::size_t k);
 
-  void find_for_queries(std::size_t first, std::size_t last);
-
   const matrix* base_;
   const matrix* queries_;
   std::unique_ptr<DistanceInterface> metric_;
-  distance_batch4_kernel batch4_;
   float direction_;  // direction x distance: smaller is nearer
   std::size_t k_;
   std::vector<float> bound_;  // a query: the key of its k-th nearest

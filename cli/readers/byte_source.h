@@ -8,8 +8,8 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-
-struct gzFile_s;
+#include <string_view>
+#include <vector>
 
 namespace korvex::cli {
 
@@ -21,17 +21,23 @@ class file_error : public std::runtime_error {
       : std::runtime_error(path + ": " + text) {}
 };
 
-// The bytes of a regular file from front to back; one that is compressed with gzip is unpacked on
-// the way. Every failure throws file_error.
+// What an input is called that stands for standard input.
+inline constexpr const char* standard_input = "-";
+
+// The bytes of an input from front to back; one that is compressed with gzip is unpacked on the way.
+// Every failure throws file_error.
 class byte_source {
  public:
+  // A regular file, or standard input for "-".
   explicit byte_source(const std::string& path);
+  // Bytes in memory, which must outlive the source; the name stands in errors.
+  byte_source(const std::string& name, std::string_view bytes);
   ~byte_source();
   byte_source(const byte_source&) = delete;
   byte_source& operator=(const byte_source&) = delete;
 
   const std::string& path() const { return path_; }
-  // Bytes of the content; none for a compressed file, where only the end tells.
+  // Bytes of the content; none where only the end tells: compressed, or standard input.
   std::optional<std::uint64_t> size() const;
   // No more bytes than this can come, so that a header's claim can be refused before memory is
   // taken for it.
@@ -50,14 +56,16 @@ class byte_source {
   [[noreturn]] void fail(const std::string& text) const { throw file_error(path_, text); }
 
  private:
-  struct closer {
-    void operator()(gzFile_s* file) const;
-  };
+  class raw_input;  // the bytes as they are stored
+  class unpacker;
+
+  void start();
+  std::size_t read_content(unsigned char* out, std::size_t size);
 
   const std::string path_;
-  std::uint64_t file_bytes_ = 0;
-  bool compressed_ = false;
-  std::unique_ptr<gzFile_s, closer> file_;
+  std::unique_ptr<raw_input> raw_;
+  std::unique_ptr<unpacker> unpacker_;  // null: not compressed
+  std::vector<unsigned char> ahead_;    // read by peek, not yet handed out
 };
 
 }  // namespace korvex::cli

@@ -8,7 +8,6 @@ namespace korvex::cli {
 
 namespace {
 
-constexpr unsigned least_axes = 2;
 constexpr unsigned most_axes = 8;
 
 element_type type_of(const byte_source& source, unsigned code) {
@@ -33,7 +32,7 @@ element_type type_of(const byte_source& source, unsigned code) {
 
 }  // namespace
 
-row_layout parse_idx(byte_source& source) {
+row_layout parse_idx(byte_source& source, unsigned least_axes) {
   unsigned char magic[4];
   source.read_exactly(magic, sizeof magic, "the idx header");
   if (magic[0] != 0 || magic[1] != 0)

@@ -87,7 +87,8 @@ void set_element(const dictionary& header, row_layout& layout) {
   static constexpr std::pair<std::string_view, element_type> types[] = {
       {"u1", element_type::u8},  {"i1", element_type::i8},  {"u2", element_type::u16},
       {"i2", element_type::i16}, {"u4", element_type::u32}, {"i4", element_type::i32},
-      {"f4", element_type::f32}, {"f8", element_type::f64}};
+      {"u8", element_type::u64}, {"i8", element_type::i64}, {"f4", element_type::f32},
+      {"f8", element_type::f64}};
   const std::string_view descr = header.get("descr");
   const auto* const type = std::find_if(std::begin(types), std::end(types), [&](const auto& entry) {
     return descr.size() == 3 && descr.substr(1) == entry.first;
@@ -97,7 +98,7 @@ void set_element(const dictionary& header, row_layout& layout) {
   if (!known ||
       (order != '<' && order != '>' && !(order == '|' && element_bytes(type->second) == 1)))
     header.fail(
-        fmt::format("element type '{}', expected one of u1 i1 u2 i2 u4 i4 f4 f8 with a byte "
+        fmt::format("element type '{}', expected one of u1 i1 u2 i2 u4 i4 u8 i8 f4 f8 with a byte "
                     "order in front",
                     descr));
   layout.type = type->second;
@@ -120,7 +121,7 @@ std::optional<std::uint64_t> take_length(const dictionary& header, std::string_v
   return length;
 }
 
-void set_shape(const dictionary& header, row_layout& layout) {
+void set_shape(const dictionary& header, unsigned least_axes, row_layout& layout) {
   const std::string_view shape = header.get("shape");
   if (shape.size() < 2 || shape.front() != '(') header.fail("the shape is no tuple");
   std::string_view text = shape.substr(1, shape.size() - 2);
@@ -134,7 +135,9 @@ void set_shape(const dictionary& header, row_layout& layout) {
           fmt::format("shape {}, expected 1 to {} elements a row", shape, largest_dimension));
     layout.dimension *= *length;
   }
-  if (axes < 2) header.fail(fmt::format("shape {}, expected rows and columns", shape));
+  if (axes < least_axes)
+    header.fail(
+        fmt::format("shape {}, expected rows{}", shape, least_axes > 1 ? " and columns" : ""));
 }
 
 std::string read_header_text(byte_source& source, row_layout& layout) {
@@ -159,7 +162,7 @@ std::string read_header_text(byte_source& source, row_layout& layout) {
 
 }  // namespace
 
-row_layout parse_npy(byte_source& source) {
+row_layout parse_npy(byte_source& source, unsigned least_axes) {
   row_layout layout;
   const std::string text = read_header_text(source, layout);
   const dictionary header(source, text);
@@ -167,7 +170,7 @@ row_layout parse_npy(byte_source& source) {
   if (header.get("fortran_order") != "False")
     header.fail(fmt::format("fortran_order {}, expected False (rows one after the other)",
                             header.get("fortran_order")));
-  set_shape(header, layout);
+  set_shape(header, least_axes, layout);
   check_layout(source, layout);
   return layout;
 }

@@ -21,10 +21,10 @@ Element load(const unsigned char* bytes, std::endian order) {
   return value;
 }
 
-template <typename Element>
-void convert(const unsigned char* raw, std::size_t count, std::endian order, float* out) {
+template <typename Element, typename Number>
+void convert(const unsigned char* raw, std::size_t count, std::endian order, Number* out) {
   for (std::size_t i = 0; i < count; ++i)
-    out[i] = static_cast<float>(load<Element>(raw + i * sizeof(Element), order));
+    out[i] = static_cast<Number>(load<Element>(raw + i * sizeof(Element), order));
 }
 
 }  // namespace
@@ -37,6 +37,8 @@ std::size_t element_bytes(element_type type) {
     case element_type::u16:
     case element_type::i16:
       return 2;
+    case element_type::u64:
+    case element_type::i64:
     case element_type::f64:
       return 8;
     default:
@@ -109,8 +111,9 @@ std::size_t row_reader::read(std::size_t count, unsigned char* out) {
   return count;
 }
 
+template <typename Number>
 void convert_elements(const unsigned char* raw, std::size_t count, element_type type,
-                      std::endian order, float* out) {
+                      std::endian order, Number* out) {
   switch (type) {
     case element_type::u8:
       return convert<std::uint8_t>(raw, count, order, out);
@@ -124,12 +127,22 @@ void convert_elements(const unsigned char* raw, std::size_t count, element_type 
       return convert<std::uint32_t>(raw, count, order, out);
     case element_type::i32:
       return convert<std::int32_t>(raw, count, order, out);
+    case element_type::u64:
+      return convert<std::uint64_t>(raw, count, order, out);
+    case element_type::i64:
+      return convert<std::int64_t>(raw, count, order, out);
     case element_type::f32:
       return convert<float>(raw, count, order, out);
     case element_type::f64:
       return convert<double>(raw, count, order, out);
   }
 }
+template void convert_elements(const unsigned char*, std::size_t, element_type, std::endian,
+                               float*);
+template void convert_elements(const unsigned char*, std::size_t, element_type, std::endian,
+                               double*);
+template void convert_elements(const unsigned char*, std::size_t, element_type, std::endian,
+                               std::int64_t*);
 
 std::uint32_t load_u32(const unsigned char* bytes, std::endian order) {
   return load<std::uint32_t>(bytes, order);

@@ -11,10 +11,6 @@
 
 namespace korvex::cli {
 
-enum class element_type { u8, i8, u16, i16, u32, i32, f32, f64 };
-
-std::size_t element_bytes(element_type type);
-
 // What a header says about the rows that follow it.
 struct row_layout {
   element_type type = element_type::f32;
@@ -28,9 +24,11 @@ struct row_layout {
 };
 
 // Parsers of headers: they read the header (of vecs files nothing) and check its fields one by one.
+// idx and npy need `least_axes` or more; with a single one a row is one element.
 row_layout parse_vecs(byte_source& source, element_type type);
-row_layout parse_idx(byte_source& source);
-row_layout parse_npy(byte_source& source);
+row_layout parse_bin(byte_source& source, element_type type);
+row_layout parse_idx(byte_source& source, unsigned least_axes = 2);
+row_layout parse_npy(byte_source& source, unsigned least_axes = 2);
 
 // Refuses a layout that no index could take or that the file's length does not bear; fills in the
 // rows of a plain file. Every size fits 64 bits once dimension and rows are within their limits.
@@ -53,9 +51,11 @@ class row_reader {
   std::uint64_t next_row_ = 0;
 };
 
-// Elements of the file to floats.
+// Elements of the file to float, double or std::int64_t. Whole numbers to std::int64_t keep their
+// bits.
+template <typename Number>
 void convert_elements(const unsigned char* raw, std::size_t count, element_type type,
-                      std::endian order, float* out);
+                      std::endian order, Number* out);
 std::uint32_t load_u32(const unsigned char* bytes, std::endian order);
 
 }  // namespace korvex::cli

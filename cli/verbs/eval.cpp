@@ -46,7 +46,8 @@ std::vector<std::string> names_of(const Map& map) {
 }
 
 struct eval_options {
-  std::string base, queries, truth, log, json_file;
+  std::string base, queries, truth, json_file;
+  console_options console;
   std::string metric = "l2sq", result_cache = "off";
   std::size_t base_rows = 0, query_rows = 0, samples = 0;
   double scale_length = 0;
@@ -54,13 +55,12 @@ struct eval_options {
   index_options index;
   int k = 10, rounds = 3;
   std::vector<int> radii = {20, 50, 100, 200, 400};
+  double least_recall = 0;
   bool json = false;
 };
 
 void add_data_options(CLI::App& command, eval_options& options) {
-  command
-      .add_option("--base", options.base,
-                  "Vectors to index: fvecs, bvecs, idx (MNIST family) or npy, plain or .gz")
+  command.add_option("--base", options.base, "Vectors to index: the formats of korvex build")
       ->required()
       ->type_name("FILE");
   command.add_option("--queries", options.queries, "Query vectors: same formats and dimension")
@@ -68,7 +68,8 @@ void add_data_options(CLI::App& command, eval_options& options) {
       ->type_name("FILE");
   command
       .add_option("--truth", options.truth,
-                  "Exact answers: an ivecs file with the rows of the nearest base vectors of each "
+                  "Exact answers: a file of ids (ivecs, or npy, HDF5) with the rows of the nearest "
+                  "base vectors of each "
                   "query, nearest first; without it they are computed by brute force on all cores")
       ->type_name("FILE");
   command.add_option("--base-rows", options.base_rows, "Index the first N vectors only (0: all)");
@@ -136,8 +137,12 @@ void add_output_options(CLI::App& command, eval_options& options) {
       "--samples", options.samples,
       "Put the answers of N queries, chosen at random, into the JSON; they are asked "
       "at the largest radius");
-  command.add_option("--log", options.log, "File for the library's log (default: stderr)")
-      ->type_name("FILE");
+  command
+      .add_option("--fail-if-recall-below", options.least_recall,
+                  "End with exit code 6 when the recall at the largest radius is below this share "
+                  "(0: never)")
+      ->check(CLI::Range(0.0, 1.0));
+  add_console_options(command, options.console);
 }
 
 struct eval_data {
@@ -147,8 +152,8 @@ struct eval_data {
 
 eval_data load_data(const eval_options& options) {
   eval_data data;
-  data.base = load_vectors(options.base, options.base_rows);
-  data.queries = load_vectors(options.queries, 0);
+  data.base = load_vectors({options.base}, options.base_rows);
+  data.queries = load_vectors({options.queries, vector_format::unknown, "test"}, 0);
   if (data.base.dimension != data.queries.dimension)
     throw file_error(options.queries,
                      fmt::format("vectors of {} dimensions, expected {} as in {}",
@@ -239,9 +244,8 @@ void measure(const eval_options& options, Korvex& index, const matrix& queries,
 void warn_of_differences(const eval_report& report) {
   for (const radius_result& at : report.results)
     if (std::abs(at.recall - at.session_recall) > recalls_differ)
-      fmt::print(stderr,
-                 "korvex: at radius {} the bulk query has recall {:.4f}, single queries {:.4f}\n",
-                 at.radius, at.recall, at.session_recall);
+      note(fmt::format("at radius {} the bulk query has recall {:.4f}, single queries {:.4f}",
+                       at.radius, at.recall, at.session_recall));
 }
 
 void take_samples(const eval_options& options, Korvex& index, const eval_data& data,
@@ -286,8 +290,18 @@ void resolve(eval_options& options) {
   if (options.index.search_threads == 0) options.index.search_threads = cpu_count();
 }
 
+void require_recall(const eval_options& options, const eval_report& report) {
+  const auto widest = std::max_element(
+      report.results.begin(), report.results.end(),
+      [](const radius_result& a, const radius_result& b) { return a.radius < b.radius; });
+  if (widest->recall >= options.least_recall) return;
+  throw tool_error(exit_recall,
+                   fmt::format("recall@{} is {:.4f} at radius {}, expected {} or more", options.k,
+                               widest->recall, widest->radius, options.least_recall));
+}
+
 void run_eval(eval_options options) {
-  start_log(options.log);
+  start_console(options.console);
   resolve(options);
   eval_report report;
   const eval_data data = load_data(options);
@@ -307,6 +321,7 @@ void run_eval(eval_options options) {
 
   if (!options.json_file.empty()) write_result_file(options.json_file, as_json(report));
   print_result(options.json ? as_json(report) : as_table(report));
+  require_recall(options, report);
 }
 
 }  // namespace
@@ -315,12 +330,11 @@ verb add_eval(CLI::App& tool) {
   CLI::App* const command = tool.add_subcommand(
       "eval", "Measures an index on your data: build time, memory, recall, speed and latency");
   command->footer(
-      "Recall counts an answer that is as near as the k-th nearest, whichever of several equals it "
-      "is.\n"
-      "Queries a second come from one bulk query of all queries, latencies from one session that "
-      "asks\n"
-      "one query at a time; both go through the public interface.\n" +
-      std::string(exit_code_help));
+      "The index is built in memory and gone afterwards. Recall counts an answer that is as near "
+      "as "
+      "the k-th nearest, whichever of several equals it is. Queries a second come from one bulk "
+      "query of all queries, latencies from one session that asks one query at a time; both go "
+      "through the public interface.");
   auto options = std::make_shared<eval_options>();
   command->option_defaults()->always_capture_default()->multi_option_policy(
       CLI::MultiOptionPolicy::TakeLast);
@@ -328,7 +342,12 @@ verb add_eval(CLI::App& tool) {
   add_index_options(*command, *options);
   add_measurement_options(*command, *options);
   add_output_options(*command, *options);
-  return {command, [options] { run_eval(*options); }};
+  return {command,
+          [options] { run_eval(*options); },
+          {{"korvex eval --base base.fvecs --queries queries.fvecs", "a line for each radius"},
+           {"korvex eval --base sift.hdf5 --queries sift.hdf5 --truth sift.hdf5 --radii 200 "
+            "--fail-if-recall-below 0.95",
+            "for a build server"}}};
 }
 
 }  // namespace korvex::cli

@@ -37,7 +37,6 @@ void run_info(const info_choice& choice) {
 verb add_info(CLI::App& tool) {
   CLI::App* const command = tool.add_subcommand(
       "info", "Prints configuration, counts and files of an index on disk, also of one in use");
-  command->footer(exit_code_help);
   auto choice = std::make_shared<info_choice>();
   command
       ->add_option("directory", choice->directory,
@@ -46,7 +45,10 @@ verb add_info(CLI::App& tool) {
       ->type_name("DIR");
   command->add_option("--name", choice->name, "Name of the index (default: the only one there)");
   command->add_flag("--json", choice->json, "Print JSON in place of text");
-  return {command, [choice] { run_info(*choice); }};
+  return {command,
+          [choice] { run_info(*choice); },
+          {{"korvex info shop", "what is in it, and the files"},
+           {"korvex info shop --json | jq .counts", "for scripts"}}};
 }
 
 }  // namespace korvex::cli

@@ -40,9 +40,8 @@ verb add_verify(CLI::App& tool) {
   CLI::App* const command =
       tool.add_subcommand("verify", "Checks an index on disk without changing it");
   command->footer(
-      "Errors are data that are lost or would be read wrong. Warnings are mended by the next\n"
-      "opening, or concern what can be made again. Notes explain, and count as clean.\n" +
-      std::string(exit_code_help));
+      "Errors are data that are lost or would be read wrong. Warnings are mended by the next "
+      "opening, or concern what can be made again. Notes explain, and count as clean.");
   auto choice = std::make_shared<verify_choice>();
   command
       ->add_option("directory", choice->directory,
@@ -53,7 +52,9 @@ verb add_verify(CLI::App& tool) {
   command->add_flag("--json", choice->json, "Print JSON in place of text");
   command->add_flag("--force", choice->options.force,
                     "Read an index that is in use; what changes meanwhile may look like damage");
-  return {command, [choice] { run_verify(*choice); }};
+  return {command,
+          [choice] { run_verify(*choice); },
+          {{"korvex verify shop && rsync -a shop backup/", "a copy of what is whole"}}};
 }
 
 }  // namespace korvex::cli

@@ -60,6 +60,8 @@ std::vector<sound_file> sound_files() {
   std::vector<sound_file> files = {
       {"a.fvecs", elements<float>(little, true), 4, true},
       {"a.bvecs", elements<std::uint8_t>(little, true), 4, true},
+      {"a.fbin", bytes_of(4) + bytes_of(6) + elements<float>(little), 8, false},
+      {"a.u8bin", bytes_of(4) + bytes_of(6) + elements<std::uint8_t>(little), 8, false},
       {"a-idx2-ubyte", idx_header(0x08, {4, 6}) + elements<std::uint8_t>(big), 12, false},
       {"a-idx3-ubyte", idx_header(0x08, {4, 2, 3}) + elements<std::uint8_t>(big), 16, false},
       {"signed.idx", idx_header(0x09, {4, 6}) + elements<std::int8_t>(big), 12, false},
@@ -73,6 +75,7 @@ std::vector<sound_file> sound_files() {
       {"i2.npy", npy_of(">i2", elements<std::int16_t>(big)), 80, false},
       {"u4.npy", npy_of("<u4", elements<std::uint32_t>(little)), 80, false},
       {"f4.npy", npy_of("<f4", elements<float>(little)), 80, false},
+      {"i8.npy", npy_of("<i8", elements<std::int64_t>(little)), 80, false},
       {"f8.npy", npy_of(">f8", elements<double>(big)), 80, false},
       {"by-its-bytes", npy_of("<f4", elements<float>(little)), 80, false},
       {"version-2.npy",
@@ -90,17 +93,20 @@ struct contents {
   std::vector<float> values;
 };
 
-contents read_all(const std::string& path, std::size_t rows_a_call = 3) {
-  const auto file = open_vector_file(path);
+contents rest_of(vector_file& file, std::size_t rows_a_call = 3) {
   contents all;
-  all.dimension = file->dimension();
+  all.dimension = file.dimension();
   for (;;) {
     const std::size_t before = all.values.size();
     all.values.resize(before + rows_a_call * all.dimension);
-    const std::size_t got = file->read(rows_a_call, all.values.data() + before);
+    const std::size_t got = file.read(rows_a_call, all.values.data() + before);
     all.values.resize(before + got * all.dimension);
     if (got < rows_a_call) return all;
   }
+}
+
+contents read_all(const std::string& path, std::size_t rows_a_call = 3) {
+  return rest_of(*open_vector_file({path}), rows_a_call);
 }
 
 // The text of the error; empty when there was none.
@@ -127,7 +133,7 @@ TEST_F(Readers, EveryFormatHandsBackItsRowsWhateverTheStep) {
         ASSERT_EQ(all.values[i], value_at(i / n_columns, i % n_columns)) << i;
     }
     const bool open_end = sound.any_length && sound.name.ends_with(".gz");
-    EXPECT_EQ(open_vector_file(file)->rows().value_or(0), open_end ? 0 : n_rows) << sound.name;
+    EXPECT_EQ(open_vector_file({file})->rows().value_or(0), open_end ? 0 : n_rows) << sound.name;
   }
 }
 
@@ -171,6 +177,13 @@ TEST_F(Readers, HostileHeadersAreRefusedWithWhatWasFoundAndExpected) {
       {"negative.fvecs", bytes_of(-1), "dimension 4294967295, expected 1 to 1048576"},
       {"huge.bvecs", bytes_of(1048577), "dimension 1048577"},
       {"other.bvecs", bytes_of(2) + "ab" + bytes_of(3) + "ab", "row 1 has dimension 3, expected 2"},
+      {"none.fbin", bytes_of(0) + bytes_of(6), "0 rows, expected 1"},
+      {"cut.u8bin", bytes_of(4), "ends inside the header: found 4 of 8 bytes"},
+      {"claim.fbin", bytes_of(-2) + bytes_of(1048576),
+       "expected 18014398501093384 for 4294967294 rows of 4194304 bytes"},
+      {"word.txt", "1 2\n1 x\n", "line 2: 'x', expected a number"},
+      {"short.csv", "# two\n\n1,2\n1\n", "line 4: 1 numbers, expected 2 as in the first row"},
+      {"blank.txt", " \n# nothing\n", "the text is empty"},
       {"type.idx", idx_header(0x0A, {1, 1}) + "a", "element type 0x0a"},
       {"axis.idx", idx_header(0x08, {1}) + "a", "1 axes, expected 2 to 8"},
       {"axes.idx", idx_header(0x08, std::vector<std::uint32_t>(255, 1)) + "a", "255 axes"},
@@ -234,6 +247,12 @@ TEST_F(Readers, NoChangeOfAHeaderIsBelieved) {
           ASSERT_GE(all.values.size(), n_rows);
         });
         ASSERT_TRUE(error.empty() || error.starts_with(file + ": ")) << error;
+        // The same bytes in memory, where an over-read is seen.
+        const std::vector<char> exact(changed.begin(), changed.end());
+        const std::string in_memory = error_of([&] {
+          rest_of(*open_vector_bytes(file, {exact.data(), exact.size()}, format_of_path(file)));
+        });
+        ASSERT_EQ(in_memory, error);
       }
     }
   }
@@ -242,15 +261,22 @@ TEST_F(Readers, NoChangeOfAHeaderIsBelieved) {
 TEST_F(Readers, IdFilesKeepEveryBitAndRefuseNegativeIds) {
   const std::string row = bytes_of(2) + bytes_of(16777217) + bytes_of(0x7FFFFFFF);
   for (const char* name : {"t.ivecs", "t.ivecs.gz"}) {
-    const id_rows file = read_id_file(write(name, row + row + row), 2);
+    const id_rows file = read_id_file({write(name, row + row + row)}, 2);
     EXPECT_EQ(file.rows, 2u);
     EXPECT_EQ(file.width, 2u);
     EXPECT_EQ(file.ids, (std::vector<std::uint32_t>{16777217, 0x7FFFFFFF, 16777217, 0x7FFFFFFF}));
   }
   const std::string negative = write("t.ivecs", row + bytes_of(2) + bytes_of(0) + bytes_of(-1));
-  EXPECT_NE(error_of([&] { read_id_file(negative, 9); }).find("row 1 holds the id -1"),
+  EXPECT_NE(error_of([&] { read_id_file({negative}, 9); }).find("row 1 holds the id -1"),
             std::string::npos);
-  EXPECT_NE(error_of([&] { read_id_file(write("t.fvecs", row), 9); }), "");
+  EXPECT_NE(error_of([&] { read_id_file({write("t.fvecs", row)}, 9); }), "");
+}
+
+TEST_F(Readers, TextTakesWhatProgramsWrite) {
+  const std::string file = write("a.csv.gz", "# x, y, z\r\n1, 2.5,-3e2\r\n\n  4\t5;6 \n7 8 9");
+  const contents all = read_all(file);
+  EXPECT_EQ(all.dimension, 3u);
+  EXPECT_EQ(all.values, (std::vector<float>{1, 2.5f, -300, 4, 5, 6, 7, 8, 9}));
 }
 
 TEST_F(Readers, OnlyRegularFilesAreOpened) {

@@ -1,4 +1,3 @@
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -9,21 +8,20 @@
 #include "engine/insertion.h"
 #include "engine/points.h"
 #include "engine/teardown.h"
-#include "host_system.h"
 #include "runtime/log.h"
-#include "tests/cli/scratch_directory.h"
+#include "tests/cli/tool_test.h"
 
 namespace korvex::cli {
 namespace {
 
 using nlohmann::json;
-using testing_support::ScratchDirectory;
+using testing_support::ToolTest;
 
 // korvex verify and korvex info on an index of 60 points, one of them deleted.
-class IndexVerbs : public ScratchDirectory {
+class IndexVerbs : public ToolTest {
  protected:
   void SetUp() override {
-    ScratchDirectory::SetUp();
+    ToolTest::SetUp();
     log_init(64'000, 0);
     log_setfd(0);
     index_ = korvex_init(4, 0, path("base").c_str(), "points");
@@ -41,25 +39,16 @@ class IndexVerbs : public ScratchDirectory {
   }
   void TearDown() override {
     close();
-    ScratchDirectory::TearDown();
+    ToolTest::TearDown();
   }
   void close() {
     korvex_free(index_);
     index_ = nullptr;
   }
 
-  int run(const std::string& arguments) {
-    const std::string command = host_system::command(KORVEX_TOOL_PATH) + " " + arguments + " >" +
-                                path("out") + " 2>" + path("err") + " <" + host_system::null_device;
-    const int status = std::system(command.c_str());
-    out_ = read_file(path("out"));
-    err_ = read_file(path("err"));
-    return host_system::exit_code(status);
-  }
   std::string folder() const { return path("base/nimbra-korvex/0"); }
 
   hnsw_s* index_ = nullptr;
-  std::string out_, err_;
 };
 
 TEST_F(IndexVerbs, ACleanIndexAndWhatItHolds) {

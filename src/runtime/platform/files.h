@@ -48,7 +48,7 @@ std::int64_t write_at(int fd, const void* data, std::uint64_t size, std::uint64_
 bool write_all(int fd, const void* data, std::uint64_t size);
 // The same through an open stream, after what it holds: one write, so that no other gets in between.
 bool write_stream(std::FILE* stream, const void* data, std::uint64_t size);
-// From here on standard output and error take every byte as it is: no line end becomes two characters.
+// From here on standard input, output and error pass every byte as it is: no line end becomes another.
 void keep_line_ends();
 // Whether a person watches what is written to the stream.
 bool is_terminal(std::FILE* stream);

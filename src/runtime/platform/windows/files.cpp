@@ -119,7 +119,7 @@ bool write_stream(std::FILE* stream, const void* data, std::uint64_t size) {
 }
 
 void keep_line_ends() {
-  for (std::FILE* const stream : {stdout, stderr}) ::_setmode(::_fileno(stream), _O_BINARY);
+  for (std::FILE* const stream : {stdin, stdout, stderr}) ::_setmode(::_fileno(stream), _O_BINARY);
 }
 
 bool is_terminal(std::FILE* stream) {
