@@ -35,7 +35,8 @@ struct log_buffers {
 struct log_state {
   pthread_mutex_t lifecycle = PTHREAD_MUTEX_INITIALIZER;  // start and shutdown, one at a time
   bool prepared = false;                                  // guarded by lifecycle
-  std::atomic<pthread_t> worker{};                        // set before initialised
+  pthread_t worker{};                                     // guarded by lifecycle
+  std::atomic<void*> worker_watch{nullptr};               // set before initialised
   std::atomic<std::uint32_t> owner_pid{0};                // the process that has the worker
 
   std::atomic<std::uint32_t> initialised{0};
@@ -62,7 +63,7 @@ thread_local bool t_is_worker = false;
 // A forked child has the ring but not the thread that drains it; nor has a library whose process ends.
 bool worker_lost() {
   return g_log.initialised.load() != 0 &&
-         !platform::thread_runs(g_log.worker.load(), g_log.owner_pid.load());
+         !platform::thread_runs(g_log.worker_watch.load(), g_log.owner_pid.load());
 }
 
 bool lock_unless_orphaned(pthread_mutex_t* mutex) {
@@ -233,12 +234,11 @@ int start_locked(std::uint64_t size, std::uint32_t mask) {
   if (!buffers || !sync_buffer) return -1;
   mutex_guard guard(&g_log.lock.mutex);
   g_log.running = true;
-  pthread_t worker{};
-  if (create_thread(&worker, log_worker_thread_func, nullptr, 0) != 0) {
+  if (create_thread(&g_log.worker, log_worker_thread_func, nullptr, 0) != 0) {
     g_log.running = false;
     return -1;
   }
-  g_log.worker.store(worker);
+  g_log.worker_watch.store(platform::watch_thread(g_log.worker));
   g_log.buffers = buffers.release();
   g_log.last_sequence = g_log.last_dropped = 0;
   g_log.writing = g_log.worker_waiting = false;
@@ -272,6 +272,7 @@ int log_shutdown() {
     cond_broadcast_locked(&g_log.lock);  // a lost thread may have left the condition in any state
   mutex_unlock(&g_log.lock.mutex);
   if (!lost) pthread_join(g_log.worker, nullptr);
+  platform::end_watch(g_log.worker_watch.exchange(nullptr));
 
   mutex_lock(&g_log.lock.mutex);
   delete g_log.buffers;

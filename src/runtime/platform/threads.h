@@ -21,9 +21,14 @@ timespec condition_deadline(std::uint64_t ms);
 // target, 0 for the calling thread. 0, or -1 when the system refuses.
 int set_thread_priority(std::uint32_t id, int level);
 
-// Whether a thread that the process `owner` started still runs, if it was not joined: a forked child has lost the
-// threads of its parent, and a library may be told of the end of its process when its threads are dead already.
-bool thread_runs(pthread_t thread, std::uint32_t owner);
+// What thread_runs asks about a thread of this process, which has not been joined yet; end_watch releases it. Null is
+// a watch that sees nothing.
+void* watch_thread(pthread_t thread);
+void end_watch(void* watch);
+// Whether the watched thread, of the process `owner`, still runs: a forked child has lost the threads of its parent,
+// and a library may be told of the end of its process when its threads are dead already. Waits for nothing then, the
+// thread library's own locks included.
+bool thread_runs(void* watch, std::uint32_t owner);
 std::uint32_t process_id();
 
 // Keeps the library that holds this code loaded until the process ends. Called before the first thread is started: its

@@ -189,8 +189,8 @@ TEST(ContractOptions, WithoutValidationAnythingIsTaken) {
 
 TEST(ContractOptions, DiskFiguresAreKeptAndLowOnesBringAdvice) {
   const temporary_directory drive;
-  const std::string kept = (drive.path() / "iops_result.txt").string();
-  const std::string blocked = (drive.path() / "iops_result.txt" / "below").string();
+  const std::string kept = drive.name() + "/iops_result.txt";
+  const std::string blocked = kept + "/below";
   index_ptr index(lib().instance(dimension));
   const struct {
     const char* figures;

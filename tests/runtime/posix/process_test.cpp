@@ -32,8 +32,10 @@ TEST(PosixProcess, UserDirectoryIsNeverEmpty) {
 }
 
 TEST(PosixProcess, ThreadsBelongToTheProcessThatStartedThem) {
-  EXPECT_TRUE(thread_runs(pthread_self(), process_id()));
-  EXPECT_FALSE(thread_runs(pthread_self(), process_id() + 1));
+  void* const watch = watch_thread(pthread_self());
+  EXPECT_TRUE(thread_runs(watch, process_id()));
+  EXPECT_FALSE(thread_runs(watch, process_id() + 1));
+  end_watch(watch);
 }
 
 TEST(PosixProcess, AStackBelowTheSystemsSmallestIsRefused) {

@@ -61,7 +61,13 @@ int set_thread_priority(std::uint32_t id, int level) {
   return setpriority(PRIO_PROCESS, id, nice_of_level[level + 3]) == 0 ? 0 : -1;
 }
 
-bool thread_runs(pthread_t /*thread*/, std::uint32_t owner) {
+void* watch_thread(pthread_t /*thread*/) {
+  return nullptr;
+}
+
+void end_watch(void* /*watch*/) {}
+
+bool thread_runs(void* /*watch*/, std::uint32_t owner) {
   return process_id() == owner;
 }
 

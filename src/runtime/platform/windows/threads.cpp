@@ -49,11 +49,22 @@ int set_thread_priority(std::uint32_t id, int level) {
   return ::SetThreadPriority(thread, priority_of_level[level + 3]) ? 0 : fail();
 }
 
-// When a process ends, the system kills all threads but one before it tells the libraries.
-bool thread_runs(pthread_t thread, std::uint32_t owner) {
-  const HANDLE handle = thread_handle(thread);
-  return owner == process_id() && handle != nullptr &&
-         ::WaitForSingleObject(handle, 0) != WAIT_OBJECT_0;
+void* watch_thread(pthread_t thread) {
+  HANDLE watch = nullptr;
+  const HANDLE process = ::GetCurrentProcess();
+  ::DuplicateHandle(process, thread_handle(thread), process, &watch, SYNCHRONIZE, FALSE, 0);
+  return watch;
+}
+
+void end_watch(void* watch) {
+  if (watch != nullptr) ::CloseHandle(watch);
+}
+
+// When a process ends, the system kills all threads but one before it tells the libraries. One of them may have held a
+// lock of the thread library, so this asks the system alone.
+bool thread_runs(void* watch, std::uint32_t owner) {
+  return owner == process_id() &&
+         (watch == nullptr || ::WaitForSingleObject(watch, 0) != WAIT_OBJECT_0);
 }
 
 std::uint32_t process_id() {
