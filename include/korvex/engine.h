@@ -305,8 +305,10 @@ KORVEX_ENGINE_API korvex_bulk_results_s* korvex_bulk_search_results(hnsw_s* inde
 typedef int (*korvex_direct_filter_fn)(void* context, uint32_t id, uint64_t label);
 
 typedef struct korvex_direct_options_s {
-  uint32_t size;   // bytes of this record; zero the rest for the defaults
-  int32_t radius;  // candidates looked at, at least; more finds more and takes longer
+  uint32_t size;  // bytes of this record; zero the rest for the defaults
+  // candidates looked at, at least, and k if that is more; more finds more and takes longer.
+  // 0: as many as a vector has neighbours
+  int32_t radius;
   korvex_direct_filter_fn filter;  // null: none
   void* filter_context;
   const uint32_t* allowed_ids;  // public ids in any order; null: all

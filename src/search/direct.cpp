@@ -266,8 +266,11 @@ struct answer_rows {
   }
 };
 
+// Who asks for a radius gets it, however short the walk; without one a walk looks at as many as a
+// neighbour list holds.
 std::uint32_t candidates(const hnsw_s* hnsw, int radius, int k) {
-  const std::int64_t ef = std::max<std::int64_t>({k, radius, hnsw->runtime->neighbour_count});
+  const std::int64_t wanted = radius > 0 ? radius : hnsw->runtime->neighbour_count;
+  const std::int64_t ef = std::max<std::int64_t>(k, wanted);
   return static_cast<std::uint32_t>(std::min(ef, max_candidates));
 }
 

@@ -15,7 +15,7 @@ using direct_filter = int (*)(void* context, std::uint32_t id, std::uint64_t lab
 enum class direct_way { cheaper, walk, scan };
 
 struct direct_options {
-  // candidates looked at, at least; k and the neighbour count are the lower limits
+  // candidates looked at, at least, and k if that is more; 0: as many as a point has neighbours
   std::int32_t radius = 0;
   direct_filter filter = nullptr;
   void* filter_context = nullptr;
