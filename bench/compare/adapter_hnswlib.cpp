@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t level_seed = 100;  // the library's default
 constexpr std::size_t rows_a_turn = 16;
 
-class hnswlib_adapter final : public adapter {
+class hnswlib_adapter final : public one_by_one_adapter {
  public:
   explicit hnswlib_adapter(const index_settings& settings)
       : links_(settings.links),
@@ -44,18 +44,19 @@ class hnswlib_adapter final : public adapter {
     for (std::thread& other : others) other.join();
   }
 
-  void search_all(const matrix& queries, unsigned effort, unsigned k, std::uint32_t* ids) override {
+  bool prepare(unsigned effort, int) override {
     index_.setEf(effort);
-    for (std::size_t query = 0; query < queries.rows; ++query) {
-      auto found = index_.searchKnn(queries.row(query), k);  // farthest first
-      std::uint32_t* const row = ids + query * k;
-      std::fill_n(row, k, no_id);
-      for (std::size_t i = found.size(); i-- > 0; found.pop())
-        row[i] = static_cast<std::uint32_t>(found.top().second);
-    }
+    return true;
   }
 
  private:
+  void search_one(const float* query, unsigned k, std::uint32_t* ids, int) override {
+    auto found = index_.searchKnn(query, k);  // farthest first
+    std::fill_n(ids, k, no_id);
+    for (std::size_t i = found.size(); i-- > 0; found.pop())
+      ids[i] = static_cast<std::uint32_t>(found.top().second);
+  }
+
   const int links_;
   const int construction_effort_;
   hnswlib::L2Space space_;

@@ -10,7 +10,6 @@ namespace korvex::compare {
 
 namespace {
 
-constexpr int search_threads = 1;
 constexpr int queue_limit = 1'000'000;
 constexpr int pattern_probes = 1;
 
@@ -27,13 +26,14 @@ class korvex_contract final : public adapter {
   explicit korvex_contract(const index_settings& settings)
       : links_(settings.links),
         construction_effort_(settings.construction_effort),
+        search_threads_(settings.search_threads),
         index_(KorvexInstance(static_cast<int>(settings.dimension))) {
     if (!index_) throw std::runtime_error("korvex: no index could be made");
     index_->setDistanceType(Korvex::DISTANCE_L2_SQUARE);
     index_->setPatternProbes(pattern_probes);
     index_->setConstellationSize(links_);
     index_->setRadius(construction_effort_, 0);
-    index_->setQueryThreads(search_threads, queue_limit);
+    index_->setQueryThreads(search_threads_, queue_limit);
     // Every round asks the same queries: a cache of answers would measure itself.
     korvex_set_result_cache(index_->get_base(0), 0);
   }
@@ -53,24 +53,30 @@ class korvex_contract final : public adapter {
     index_->waitForIndexReady();
   }
 
-  void search_all(const matrix& queries, unsigned effort, unsigned k, std::uint32_t* ids) override {
-    if (!session_) session_.reset(index_->createBulkQuerySession(static_cast<int>(effort)));
-    session_->setRadius(static_cast<int>(effort));
-    if (session_->query(queries.values.data(), static_cast<int>(queries.rows), 0,
-                        static_cast<int>(k)) != 0)
+  // A query looks at as many candidates as a vector has neighbours, at least.
+  bool prepare(unsigned effort, int threads) override {
+    if (effort < 2 * static_cast<unsigned>(links_) || threads != search_threads_) return false;
+    const int radius = static_cast<int>(effort);
+    if (!session_) session_.reset(index_->createBulkQuerySession(radius));
+    session_->setRadius(radius);
+    return true;
+  }
+
+  void search_all(const query_pass& pass) override {
+    if (session_->query(pass.queries.values.data(), static_cast<int>(pass.queries.rows), 0,
+                        static_cast<int>(pass.k)) != 0)
       throw std::runtime_error("korvex: a bulk query failed");
     const korvex_bulk_results_s* const results = session_->getResultIds(0);
     if (results == nullptr || results->valid == 0) throw std::runtime_error("korvex: no results");
-    std::copy_n(results->ids, queries.rows * k, ids);
+    std::copy_n(results->ids, pass.queries.rows * pass.k, pass.ids);
   }
 
-  // A query looks at as many candidates as a vector has neighbours, at least.
-  unsigned least_effort() const override { return 2 * static_cast<unsigned>(links_); }
   std::uint64_t evaluations() const override { return walk_evaluations_total(); }
 
  private:
   const int links_;
   const int construction_effort_;
+  const int search_threads_;
   std::unique_ptr<Korvex, destroyer> index_;
   std::unique_ptr<KorvexBulkQuery, destroyer> session_;  // given up before the index
 };

@@ -46,13 +46,17 @@ struct mixture {
 dataset make_mixture(const mixture& recipe, std::size_t n_queries);
 
 // The pictures of Debian's dataset-fashion-mnist, pixels as numbers from 0 to 255: training pictures are the base, test
-// pictures the queries. Throws std::runtime_error when the files are not there.
+// pictures the queries. n_points 0: all.
 dataset load_fashion(const std::string& directory, std::size_t n_points, std::size_t n_queries);
 
-// A .fvecs or .npy file (little-endian float32, C order). Without a file of queries the last n_queries rows are taken
-// out of the base. Throws std::runtime_error for anything else.
+// Files of any format that the tool reads. Without one of queries the test vectors of an HDF5 file are taken, else the
+// last n_queries rows out of the base. Throws what the tool's readers throw, or std::runtime_error.
 dataset load_files(const std::string& base, const std::string& queries, std::size_t n_points,
                    std::size_t n_queries);
+
+// Brings rows to Euclidean length 1, zero vectors stay.
+void scale_to_unit(matrix& rows);
+void scale_to_unit(float* row, std::size_t dimension);
 
 }  // namespace korvex::compare
 

@@ -1,5 +1,6 @@
 #include "measure.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -27,11 +28,13 @@ class comparison {
         data_(data),
         truth_(truth),
         indexes_(plan.peers.size()),
-        answers_(data.queries.rows * plan.k) {
+        answers_(data.queries.rows * plan.k),
+        latencies_(data.queries.rows) {
     for (const peer* const each : plan.peers) {
       peer_result& result = results_.emplace_back();
       result.name = each->name;
       for (const int threads : plan.build_threads) result.builds.push_back({threads, {}});
+      for (const int threads : plan.search_threads) result.curves.push_back({threads, {}});
     }
   }
 
@@ -39,11 +42,14 @@ class comparison {
     for (int round = 0; round < plan_.build_rounds; ++round)
       for (std::size_t setting = 0; setting < plan_.build_threads.size(); ++setting)
         in_turn(round, [&](std::size_t which) { build(which, setting); });
-    for (const unsigned effort : plan_.efforts)
-      for (std::size_t which = 0; which < indexes_.size(); ++which) warm_up(which, effort);
-    for (int round = 0; round < plan_.search_rounds; ++round)
+    for (std::size_t setting = 0; setting < plan_.search_threads.size(); ++setting) {
       for (const unsigned effort : plan_.efforts)
-        in_turn(round, [&](std::size_t which) { time_level(which, effort); });
+        for (std::size_t which = 0; which < indexes_.size(); ++which)
+          warm_up(which, setting, effort);
+      for (int round = 0; round < plan_.search_rounds; ++round)
+        for (const unsigned effort : plan_.efforts)
+          in_turn(round, [&](std::size_t which) { time_level(which, setting, effort); });
+    }
     return std::move(results_);
   }
 
@@ -75,25 +81,40 @@ class comparison {
     result.bytes_a_vector = (resident_bytes() - before) / static_cast<double>(data_.base.rows);
   }
 
-  void search(std::size_t which, unsigned effort) {
-    indexes_[which]->search_all(data_.queries, effort, plan_.k, answers_.data());
+  void search(std::size_t which, int threads) {
+    indexes_[which]->search_all(
+        {data_.queries, plan_.k, threads, answers_.data(), latencies_.data()});
   }
 
-  void warm_up(std::size_t which, unsigned effort) {
-    if (effort < indexes_[which]->least_effort()) return;
+  void warm_up(std::size_t which, std::size_t setting, unsigned effort) {
+    curve& of = results_[which].curves[setting];
+    if (!indexes_[which]->prepare(effort, of.threads)) return;
     const std::uint64_t before = indexes_[which]->evaluations();
-    search(which, effort);
-    level& made = results_[which].levels.emplace_back();
+    search(which, of.threads);
+    level& made = of.levels.emplace_back();
     made.effort = effort;
     made.recall = recall_of(truth_, data_, answers_);
     made.evaluations = static_cast<double>(indexes_[which]->evaluations() - before) /
                        static_cast<double>(data_.queries.rows);
   }
 
-  void time_level(std::size_t which, unsigned effort) {
-    for (level& candidate : results_[which].levels)
-      if (candidate.effort == effort)
-        candidate.seconds.push_back(seconds_of([&] { search(which, effort); }));
+  void time_level(std::size_t which, std::size_t setting, unsigned effort) {
+    curve& of = results_[which].curves[setting];
+    for (level& candidate : of.levels) {
+      if (candidate.effort != effort) continue;
+      indexes_[which]->prepare(effort, of.threads);
+      latencies_[0] = 0;
+      candidate.seconds.push_back(seconds_of([&] { search(which, of.threads); }));
+      if (latencies_[0] == 0) continue;
+      candidate.p50_seconds.push_back(latency(0.50));
+      candidate.p99_seconds.push_back(latency(0.99));
+    }
+  }
+
+  double latency(double share) {
+    const auto place = static_cast<std::ptrdiff_t>(share * static_cast<double>(latencies_.size()));
+    std::nth_element(latencies_.begin(), latencies_.begin() + place, latencies_.end());
+    return latencies_[static_cast<std::size_t>(place)];
   }
 
   const plan& plan_;
@@ -101,6 +122,7 @@ class comparison {
   const exact_truth& truth_;
   std::vector<std::unique_ptr<adapter>> indexes_;
   std::vector<std::uint32_t> answers_;
+  std::vector<double> latencies_;
   std::vector<peer_result> results_;
 };
 
@@ -108,7 +130,7 @@ class comparison {
 
 std::vector<peer_result> measure(const plan& plan, const dataset& data, const exact_truth& truth) {
   if (plan.peers.empty() || plan.build_threads.empty() || plan.efforts.empty() ||
-      plan.build_rounds < 1 || plan.search_rounds < 1)
+      plan.search_threads.empty() || plan.build_rounds < 1 || plan.search_rounds < 1)
     throw std::invalid_argument("nothing to measure");
   return comparison(plan, data, truth).run();
 }

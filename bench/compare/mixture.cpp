@@ -89,15 +89,7 @@ class mixture_maker {
       out[i] = static_cast<float>(recipe_.noise * random.normal());
     for (std::size_t i = 0; i < recipe_.latent; ++i)
       for (std::size_t j = 0; j < recipe_.dimension; ++j) out[j] += latent[i] * map_.row(i)[j];
-    if (recipe_.unit) scale_to_unit(out);
-  }
-
-  void scale_to_unit(float* row) const {
-    double squares = 0;
-    for (std::size_t i = 0; i < recipe_.dimension; ++i) squares += double{row[i]} * row[i];
-    const double factor = squares > 0 ? 1.0 / std::sqrt(squares) : 1.0;
-    for (std::size_t i = 0; i < recipe_.dimension; ++i)
-      row[i] = static_cast<float>(row[i] * factor);
+    if (recipe_.unit) scale_to_unit(out, recipe_.dimension);
   }
 
   const mixture recipe_;

@@ -8,12 +8,19 @@ namespace korvex::compare {
 namespace {
 
 constexpr peer all_peers[] = {
-    {"korvex", make_korvex_contract, nullptr},
+    {"korvex", make_korvex_direct, nullptr, true},
+    {"korvex-contract", make_korvex_contract, nullptr, true},
 #ifdef KORVEX_COMPARE_HNSWLIB
     {"hnswlib", make_hnswlib, nullptr},
 #else
     {"hnswlib", nullptr,
      "hnswlib/hnswlib.h was not found when this program was configured (Debian: libhnswlib-dev)"},
+#endif
+#ifdef KORVEX_COMPARE_FAISS
+    {"faiss", make_faiss, nullptr, true},
+#else
+    {"faiss", nullptr,
+     "faiss, or OpenMP, was not found when this program was configured (Debian: libfaiss-dev)"},
 #endif
 };
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <ostream>
 
 namespace korvex::compare {
@@ -13,6 +12,14 @@ namespace korvex::compare {
 namespace {
 
 constexpr double wanted_recalls[] = {0.90, 0.95, 0.99, 0.995, 0.999};
+constexpr double usual_recall = 0.95;
+
+double seconds_of(const level& of, std::size_t round) {
+  return of.seconds[round];
+}
+double tail_of(const level& of, std::size_t round) {
+  return of.p99_seconds[round] / of.p50_seconds[round];
+}
 
 std::vector<double> rates(const level& of, std::size_t n_queries) {
   std::vector<double> made;
@@ -25,40 +32,62 @@ std::string with_spread(const summary& s, int digits) {
                      digits);
 }
 
+const char* plural(int threads) {
+  return threads == 1 ? "" : "s";
+}
+
 void print_builds(std::ostream& out, const std::vector<peer_result>& results) {
   fmt::print(out, "\nbuild, seconds: median (lowest - highest)\n");
   for (const peer_result& result : results)
     for (const build_times& times : result.builds)
-      fmt::print(out, "  {:<12} {} thread{:<2} {}\n", result.name, times.threads,
-                 times.threads == 1 ? "" : "s", with_spread(summarise(times.seconds), 2));
+      fmt::print(out, "  {:<16} {} thread{:<2} {}\n", result.name, times.threads,
+                 plural(times.threads), with_spread(summarise(times.seconds), 2));
 }
 
-void print_curve(std::ostream& out, const peer_result& result, std::size_t n_queries) {
-  fmt::print(out, "\n{}, {:.0f} bytes a vector\n", result.description, result.bytes_a_vector);
-  fmt::print(out, "  {:>6} {:>9} {:>12}  {}\n", "effort", "recall", "evaluations",
-             "queries a second: median (lowest - highest)");
-  for (const level& each : result.levels)
-    fmt::print(out, "  {:>6} {:>9.4f} {:>12.0f}  {}\n", each.effort, each.recall, each.evaluations,
-               with_spread(summarise(rates(each, n_queries)), 0));
+std::string microseconds(const std::vector<double>& seconds) {
+  return seconds.empty() ? "-" : fmt::format("{:.1f}", 1e6 * summarise(seconds).median);
 }
 
-std::string outside(const peer_result& result, double recall) {
-  if (result.levels.empty()) return result.name + " has no curve";
+// Time of one thread; several share the time of a pass.
+std::string cost_of_evaluation(const level& of, int threads, std::size_t n_queries) {
+  if (of.evaluations == 0) return "-";
+  return fmt::format("{:.1f}", 1e9 * threads * summarise(of.seconds).median /
+                                   (of.evaluations * static_cast<double>(n_queries)));
+}
+
+void print_curve(std::ostream& out, const curve& of, std::size_t n_queries) {
+  fmt::print(out, "  {} search thread{}\n", of.threads, plural(of.threads));
+  fmt::print(out, "  {:>6} {:>8} {:>12} {:>8} {:>8} {:>8}  {}\n", "effort", "recall", "evaluations",
+             "ns each", "p50 us", "p99 us", "queries a second: median (lowest - highest)");
+  for (const level& each : of.levels)
+    fmt::print(out, "  {:>6} {:>8.4f} {:>12} {:>8} {:>8} {:>8}  {}\n", each.effort, each.recall,
+               each.evaluations == 0 ? "-" : fmt::format("{:.0f}", each.evaluations),
+               cost_of_evaluation(each, of.threads, n_queries), microseconds(each.p50_seconds),
+               microseconds(each.p99_seconds), with_spread(summarise(rates(each, n_queries)), 0));
+}
+
+void print_curves(std::ostream& out, const peer_result& result, std::size_t n_queries) {
+  fmt::print(out, "\n{}: {}, {:.0f} bytes a vector\n", result.name, result.description,
+             result.bytes_a_vector);
+  for (const curve& each : result.curves)
+    if (!each.levels.empty()) print_curve(out, each, n_queries);
+}
+
+std::string outside(const peer_result& result, const curve& of, double recall) {
+  if (of.levels.empty()) return result.name + " has no curve";
   const auto by_recall = [](const level& a, const level& b) { return a.recall < b.recall; };
-  const auto [low, high] =
-      std::minmax_element(result.levels.begin(), result.levels.end(), by_recall);
+  const auto [low, high] = std::minmax_element(of.levels.begin(), of.levels.end(), by_recall);
   if (recall < low->recall)
     return fmt::format("{} never goes below {:.4f}", result.name, low->recall);
   return fmt::format("{} never goes above {:.4f}", result.name, high->recall);
 }
 
-std::vector<double> all_rates_at(const plan& plan, const peer_result& result, std::size_t n_queries,
-                                 double recall) {
+// One value a round, or none at all.
+std::vector<double> all_at(const curve& of, double recall, level_quantity quantity) {
   std::vector<double> made;
-  for (int round = 0; round < plan.search_rounds; ++round)
-    if (const auto rate =
-            rate_at(result.levels, static_cast<std::size_t>(round), n_queries, recall))
-      made.push_back(*rate);
+  if (of.levels.empty()) return made;
+  for (std::size_t round = 0; round < of.levels[0].seconds.size(); ++round)
+    if (const auto value = value_at(of.levels, recall, quantity, round)) made.push_back(*value);
   return made;
 }
 
@@ -68,33 +97,59 @@ std::vector<double> ratios(const std::vector<double>& a, const std::vector<doubl
   return made;
 }
 
-void print_rates(std::ostream& out, const plan& plan, const peer_result& ours,
-                 const peer_result& other, std::size_t n_queries) {
+void print_rates(std::ostream& out, const peer_result& ours, const peer_result& other,
+                 std::size_t setting, std::size_t n_queries) {
+  const curve& first = ours.curves[setting];
+  const curve& second = other.curves[setting];
+  if (first.levels.empty() || second.levels.empty()) return;
+  fmt::print(out, "  queries a second, {} search thread{}\n", first.threads, plural(first.threads));
   for (const double recall : wanted_recalls) {
-    const auto first = all_rates_at(plan, ours, n_queries, recall);
-    const auto second = all_rates_at(plan, other, n_queries, recall);
-    if (first.empty() || second.empty()) {
-      fmt::print(out, "  queries a second at recall {:.3f}   none: {}\n", recall,
-                 outside(first.empty() ? ours : other, recall));
+    const auto our_seconds = all_at(first, recall, seconds_of);
+    const auto their_seconds = all_at(second, recall, seconds_of);
+    if (our_seconds.empty() || their_seconds.empty()) {
+      fmt::print(
+          out, "    at recall {:.3f}   none: {}\n", recall,
+          our_seconds.empty() ? outside(ours, first, recall) : outside(other, second, recall));
       continue;
     }
-    fmt::print(out, "  queries a second at recall {:.3f}   {}   [{:.0f} against {:.0f}]\n", recall,
-               with_spread(summarise(ratios(first, second)), 3), summarise(first).median,
-               summarise(second).median);
+    const auto n = static_cast<double>(n_queries);
+    fmt::print(out, "    at recall {:.3f}   {}   [{:.0f} against {:.0f}]\n", recall,
+               with_spread(summarise(ratios(their_seconds, our_seconds)), 3),
+               n / summarise(our_seconds).median, n / summarise(their_seconds).median);
   }
 }
 
-void print_ratios(std::ostream& out, const plan& plan, const peer_result& ours,
-                  const peer_result& other, std::size_t n_queries) {
+void print_ratios(std::ostream& out, const peer_result& ours, const peer_result& other,
+                  std::size_t n_queries) {
   fmt::print(out, "\n{} / {}: median of the rounds' ratios (lowest - highest)\n", ours.name,
              other.name);
-  print_rates(out, plan, ours, other, n_queries);
+  for (std::size_t setting = 0; setting < ours.curves.size(); ++setting)
+    print_rates(out, ours, other, setting, n_queries);
   for (std::size_t i = 0; i < ours.builds.size(); ++i)
-    fmt::print(out, "  build time, {} thread{}                {}\n", ours.builds[i].threads,
-               ours.builds[i].threads == 1 ? " " : "s",
+    fmt::print(out, "  build time, {} thread{:<2} {}\n", ours.builds[i].threads,
+               plural(ours.builds[i].threads),
                with_spread(summarise(ratios(ours.builds[i].seconds, other.builds[i].seconds)), 3));
-  fmt::print(out, "  bytes a vector                       {:.3f}\n",
-             ours.bytes_a_vector / other.bytes_a_vector);
+  fmt::print(out, "  bytes a vector         {:.3f}\n", ours.bytes_a_vector / other.bytes_a_vector);
+}
+
+void print_tail(std::ostream& out, const peer_result& result) {
+  for (const curve& each : result.curves) {
+    if (each.levels.empty() || each.levels[0].p50_seconds.empty()) continue;
+    const auto tail = all_at(each, usual_recall, tail_of);
+    if (tail.empty()) continue;
+    fmt::print(out, "  {:<16} {} thread{:<2} p99 / p50 {}\n", result.name, each.threads,
+               plural(each.threads), with_spread(summarise(tail), 2));
+  }
+}
+
+void print_scaling(std::ostream& out, const peer_result& result) {
+  const std::vector<double> alone = all_at(result.curves[0], usual_recall, seconds_of);
+  for (std::size_t i = 1; i < result.curves.size(); ++i) {
+    const auto together = all_at(result.curves[i], usual_recall, seconds_of);
+    if (alone.empty() || together.empty()) continue;
+    fmt::print(out, "  {:<16} {} search threads / {}: {}\n", result.name, result.curves[i].threads,
+               result.curves[0].threads, with_spread(summarise(ratios(alone, together)), 2));
+  }
 }
 
 }  // namespace
@@ -106,18 +161,16 @@ summary summarise(std::vector<double> values) {
   return {(values[(n - 1) / 2] + values[n / 2]) / 2, values.front(), values.back()};
 }
 
-std::optional<double> rate_at(const std::vector<level>& levels, std::size_t round,
-                              std::size_t n_queries, double recall) {
-  const auto rate = [&](const level& of) {
-    return static_cast<double>(n_queries) / of.seconds[round];
-  };
+std::optional<double> value_at(const std::vector<level>& levels, double recall,
+                               level_quantity quantity, std::size_t round) {
   for (std::size_t i = 0; i + 1 < levels.size(); ++i) {
     const level& low = levels[i];
     const level& high = levels[i + 1];
     if (low.recall > recall || high.recall < recall) continue;
     const double share =
         high.recall > low.recall ? (recall - low.recall) / (high.recall - low.recall) : 0.0;
-    return std::exp(std::log(rate(low)) * (1 - share) + std::log(rate(high)) * share);
+    return std::exp(std::log(quantity(low, round)) * (1 - share) +
+                    std::log(quantity(high, round)) * share);
   }
   return std::nullopt;
 }
@@ -126,31 +179,13 @@ void print_report(std::ostream& out, const plan& plan, const dataset& data,
                   const std::vector<peer_result>& results) {
   const std::size_t n_queries = data.queries.rows;
   print_builds(out, results);
-  fmt::print(out, "\nrecall@{} against queries a second, 1 search thread, {} rounds", plan.k,
-             plan.search_rounds);
-  for (const peer_result& result : results) print_curve(out, result, n_queries);
+  fmt::print(out, "\nrecall@{} against queries a second, {} rounds", plan.k, plan.search_rounds);
+  for (const peer_result& result : results) print_curves(out, result, n_queries);
   for (std::size_t other = 1; other < results.size(); ++other)
-    print_ratios(out, plan, results[0], results[other], n_queries);
-}
-
-bool write_csv(const std::string& path, const std::vector<peer_result>& results,
-               std::size_t n_queries) {
-  std::ofstream file(path);
-  fmt::print(file, "what,peer,threads,effort,recall,evaluations,round,value,unit\n");
-  for (const peer_result& result : results) {
-    fmt::print(file, "memory,{},,,,,,{:.1f},bytes a vector\n", result.name, result.bytes_a_vector);
-    for (const build_times& times : result.builds)
-      for (std::size_t round = 0; round < times.seconds.size(); ++round)
-        fmt::print(file, "build,{},{},,,,{},{:.6f},seconds\n", result.name, times.threads, round,
-                   times.seconds[round]);
-    for (const level& each : result.levels) {
-      const std::vector<double> values = rates(each, n_queries);
-      for (std::size_t round = 0; round < values.size(); ++round)
-        fmt::print(file, "search,{},1,{},{:.6f},{:.1f},{},{:.3f},queries a second\n", result.name,
-                   each.effort, each.recall, each.evaluations, round, values[round]);
-    }
-  }
-  return static_cast<bool>(file.flush());
+    print_ratios(out, results[0], results[other], n_queries);
+  fmt::print(out, "\nat recall {:.2f}: median of the rounds (lowest - highest)\n", usual_recall);
+  for (const peer_result& result : results) print_tail(out, result);
+  for (const peer_result& result : results) print_scaling(out, result);
 }
 
 }  // namespace korvex::compare

@@ -17,18 +17,20 @@ struct summary {
 };
 summary summarise(std::vector<double> values);
 
-// Queries a second where a curve reaches a recall, in one round: the logarithm of the rate is taken to be linear in the
-// recall between two measured levels. Empty outside of what was measured.
-std::optional<double> rate_at(const std::vector<level>& levels, std::size_t round,
-                              std::size_t n_queries, double recall);
+// A positive quantity of levels where a curve reaches a recall: its logarithm is taken to be linear in the recall
+// between two measured levels. Empty outside of what was measured.
+using level_quantity = double (*)(const level&, std::size_t round);
+std::optional<double> value_at(const std::vector<level>& levels, double recall,
+                               level_quantity quantity, std::size_t round = 0);
 
-// The first peer's curve against each other's: tables for people.
+// Curves of all peers, and the first peer's against each other's: tables for people.
 void print_report(std::ostream& out, const plan& plan, const dataset& data,
                   const std::vector<peer_result>& results);
 
-// One line a measured value: what,peer,threads,effort,recall,evaluations,round,value,unit. False when the file fails.
-bool write_csv(const std::string& path, const std::vector<peer_result>& results,
-               std::size_t n_queries);
+// One line a measured value: data,what,peer,threads,effort,recall,evaluations,round,value,unit. False when the file
+// fails.
+bool write_csv(const std::string& path, const std::string& name,
+               const std::vector<peer_result>& results, std::size_t n_queries);
 
 }  // namespace korvex::compare
 
