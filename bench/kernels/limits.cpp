@@ -29,20 +29,20 @@ using word_16 __attribute__((vector_size(16))) = std::uint64_t;
 using word_32 __attribute__((vector_size(32))) = std::uint64_t;
 using word_64 __attribute__((vector_size(64))) = std::uint64_t;
 
-// Loads and one cheap operation each, on eight chains that do not wait for one another. In line in
-// functions that are compiled for their instruction set.
-template <class Word>
-[[gnu::always_inline]] inline void load_all(const Word* words, std::size_t count,
-                                            std::size_t passes) {
-  Word sums[8] = {};
-  for (std::size_t pass = 0; pass < passes; ++pass) {
-    for (std::size_t i = 0; i + 8 <= count; i += 8)
-      for (std::size_t chain = 0; chain < 8; ++chain) sums[chain] ^= words[i + chain];
-    asm volatile("" ::: "memory");  // the next pass loads again
-  }
-  for (std::size_t chain = 1; chain < 8; ++chain) sums[0] ^= sums[chain];
-  benchmark::DoNotOptimize(sums[0][0]);
-}
+using loader = void (*)(const void* data, std::size_t bytes, std::size_t passes);
+
+// Loads and one cheap operation each, on eight chains that do not wait for one another. A macro: a shared function
+// would be taken apart into narrow loads before it is compiled for the instruction set of its caller.
+#define KORVEX_LOAD_ALL(word)                                                          \
+  const word* const words = static_cast<const word*>(data);                            \
+  word sums[8] = {};                                                                   \
+  for (std::size_t pass = 0; pass < passes; ++pass) {                                  \
+    for (std::size_t i = 0; i + 8 <= bytes / sizeof(word); i += 8)                     \
+      for (std::size_t chain = 0; chain < 8; ++chain) sums[chain] ^= words[i + chain]; \
+    asm volatile("" ::: "memory"); /* the next pass loads again */                     \
+  }                                                                                    \
+  for (std::size_t chain = 1; chain < 8; ++chain) sums[0] ^= sums[chain];              \
+  benchmark::DoNotOptimize(sums[0][0])
 
 #if defined(__x86_64__)
 #define KORVEX_COMPILED_FOR(isa) __attribute__((target(isa)))
@@ -50,18 +50,16 @@ template <class Word>
 #define KORVEX_COMPILED_FOR(isa)
 #endif
 
-using loader = void (*)(const void* words, std::size_t bytes, std::size_t passes);
-
-void load_16(const void* words, std::size_t bytes, std::size_t passes) {
-  load_all(static_cast<const word_16*>(words), bytes / sizeof(word_16), passes);
+void load_16(const void* data, std::size_t bytes, std::size_t passes) {
+  KORVEX_LOAD_ALL(word_16);
 }
 KORVEX_COMPILED_FOR("avx2")
-void load_32(const void* words, std::size_t bytes, std::size_t passes) {
-  load_all(static_cast<const word_32*>(words), bytes / sizeof(word_32), passes);
+void load_32(const void* data, std::size_t bytes, std::size_t passes) {
+  KORVEX_LOAD_ALL(word_32);
 }
 KORVEX_COMPILED_FOR("avx512f")
-void load_64(const void* words, std::size_t bytes, std::size_t passes) {
-  load_all(static_cast<const word_64*>(words), bytes / sizeof(word_64), passes);
+void load_64(const void* data, std::size_t bytes, std::size_t passes) {
+  KORVEX_LOAD_ALL(word_64);
 }
 
 double bytes_a_second(loader load, const void* words, std::size_t bytes, std::size_t passes) {
