@@ -87,7 +87,7 @@ class direct_selection {
 
  private:
   // Measured by bench/direct/filters.
-  static constexpr double cost_of_asking = 0.1;
+  static constexpr double cost_of_asking = 0.35;
   static constexpr double cost_of_a_bit = 0.005;
 
   bool bit_set(std::uint32_t public_id) const {

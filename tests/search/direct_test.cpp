@@ -156,11 +156,14 @@ TEST(DirectSearch, AnswersOnlyWithAllowedPoints) {
     by[1].allowed_bit_count = by[3].allowed_bit_count = 64 * bits.size();
     by[2].filter = by[3].filter = filter;
     by[2].filter_context = by[3].filter_context = &wanted;
-    for (const direct_options& options : by) {
-      const rows found = ask(index, queries, 10, options);
-      EXPECT_GE(checked_recall(DISTANCE_L2_SQUARE, points, queries, found, keep), 0.95)
-          << "step " << step << " way " << &options - by;
-    }
+    for (const direct_way way : {direct_way::walk, direct_way::scan, direct_way::cheaper})
+      for (direct_options& options : by) {
+        options.way = way;
+        const rows found = ask(index, queries, 10, options);
+        EXPECT_GE(checked_recall(DISTANCE_L2_SQUARE, points, queries, found, keep),
+                  way == direct_way::scan ? 1.0 : 0.95)
+            << "step " << step << " by " << &options - by << " way " << static_cast<int>(way);
+      }
   }
 }
 
@@ -178,9 +181,12 @@ TEST(DirectSearch, FindsAllowedPointsFarFromTheQuery) {
   for (std::size_t i = 0; i < 600; ++i)
     bits[far[i].second / 64] |= std::uint64_t{1} << (far[i].second % 64);
   const auto keep = [&](std::uint32_t id) { return (bits[id / 64] >> (id % 64) & 1) != 0; };
-  const rows found = ask(index, queries, 10,
-                         {.radius = 50, .allowed_bits = bits.data(), .allowed_bit_count = 5000});
-  EXPECT_GE(checked_recall(DISTANCE_L2_SQUARE, points, queries, found, keep), 0.95);
+  for (const direct_way way : {direct_way::walk, direct_way::cheaper}) {
+    const rows found =
+        ask(index, queries, 10,
+            {.radius = 50, .allowed_bits = bits.data(), .allowed_bit_count = 5000, .way = way});
+    EXPECT_GE(checked_recall(DISTANCE_L2_SQUARE, points, queries, found, keep), 0.95);
+  }
 }
 
 TEST(DirectSearch, NeverReturnsDeletedPoints) {
@@ -194,9 +200,11 @@ TEST(DirectSearch, NeverReturnsDeletedPoints) {
       deleted[id] = static_cast<int>(generator() % 100) < share;
       ASSERT_EQ(korvex_delete(index, id, deleted[id] ? 0 : 1), 0);
     }
-    const rows found = ask(index, queries, 10, {.radius = 100});
     const auto live = [&](std::uint32_t id) { return !deleted[id]; };
-    EXPECT_GE(checked_recall(DISTANCE_L2_SQUARE, points, queries, found, live), 0.95) << share;
+    for (const direct_way way : {direct_way::walk, direct_way::cheaper}) {
+      const rows found = ask(index, queries, 10, {.radius = 100, .way = way});
+      EXPECT_GE(checked_recall(DISTANCE_L2_SQUARE, points, queries, found, live), 0.95) << share;
+    }
   }
 }
 
