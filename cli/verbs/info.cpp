@@ -39,8 +39,9 @@ verb add_info(CLI::App& tool) {
       "info", "Prints configuration, counts and files of an index on disk, also of one in use");
   auto choice = std::make_shared<info_choice>();
   command
-      ->add_option("directory", choice->directory,
-                   "Directory that the index was opened with, or that of its files")
+      ->add_option(
+          "directory", choice->directory,
+          "Directory that the index was opened with, or that of its files, or its index file")
       ->required()
       ->type_name("DIR");
   command->add_option("--name", choice->name, "Name of the index (default: the only one there)");

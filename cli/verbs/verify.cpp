@@ -44,8 +44,9 @@ verb add_verify(CLI::App& tool) {
       "opening, or concern what can be made again. Notes explain, and count as clean.");
   auto choice = std::make_shared<verify_choice>();
   command
-      ->add_option("directory", choice->directory,
-                   "Directory that the index was opened with, or that of its files")
+      ->add_option(
+          "directory", choice->directory,
+          "Directory that the index was opened with, or that of its files, or its index file")
       ->required()
       ->type_name("DIR");
   command->add_option("--name", choice->name, "Name of the index (default: the only one there)");

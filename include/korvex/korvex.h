@@ -142,8 +142,8 @@ class Korvex {
   virtual void deleteVectors(unsigned* ids, int count, int undelete) = 0;
   virtual void waitForIndexReady() = 0;
   virtual int isIndexReady() = 0;
-  // On disk only: the files of the index's directory go when the index does. Every *.korvex file of
-  // that directory is deleted, those of other indexes under the same base included.
+  // On disk only: the index's files go when the index does, and with them every other *.korvex file
+  // of its directory that belongs to no other index there.
   virtual void destroyIndexOnDelete(int enable) = 0;
 
   // A session for one query at a time. `radius`: how many candidates a query looks at, at least.

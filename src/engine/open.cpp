@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "engine/configuration.h"
+#include "engine/index_files.h"
 #include "engine/runtime.h"
 #include "engine/startup.h"
 #include "engine/stored_record.h"
@@ -176,9 +177,16 @@ hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& loc
 
 persistent_malloc_s* open_manager(const index_location& location) {
   if (location.directory.empty()) return persistent_malloc_init(nullptr, 0);
+  if (holds_block(location.file)) {
+    KORVEX_LOG_CRITICAL("%s is a block file of another index: choose another name\n",
+                        location.file.c_str());
+    return nullptr;
+  }
   persistent_malloc_s* const manager =
       persistent_malloc_init(location.file.c_str(), index_file_bytes);
   if (manager == nullptr || persistent_malloc_lock(manager) == 0) return manager;
+  KORVEX_LOG_CRITICAL("the index is in use: %s is open here or in another process\n",
+                      location.file.c_str());
   persistent_malloc_destroy(manager);
   return nullptr;
 }

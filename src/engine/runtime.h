@@ -134,7 +134,9 @@ struct korvex_runtime_s {
   std::atomic<int> result_cache_mode{1};
   std::atomic<bool> cache_advice_given{false};
 
-  std::string files_directory;  // deleted after the release, unless empty
+  // Of the files that are deleted after the release; empty: none are.
+  std::string files_directory;
+  std::string files_name;
 
   // Lifetime; see runtime_use and runtime_handle.
   std::atomic<std::uint64_t> users{1};

@@ -14,6 +14,7 @@
 #include "engine/repair.h"
 #include "engine/runtime.h"
 #include "engine/startup_report.h"
+#include "engine/store_layout.h"
 #include "engine/stored_record.h"
 #include "math/topology.h"
 #include "runtime/log.h"
@@ -155,11 +156,9 @@ class startup {
 
   void configure_stores(std::uint64_t cache_bytes) {
     cache_bytes_ = cache_bytes;
-    runtime_.store_prefix[0] = hnsw_->name != nullptr ? hnsw_->name : "";
-    // Label and attribute files would share a name with vectors of some dimensions: a prefix keeps
-    // them apart.
-    runtime_.store_prefix[1] = runtime_.store_prefix[0] + "-labels";
-    runtime_.store_prefix[2] = runtime_.store_prefix[0] + "-attributes";
+    const std::string name = hnsw_->name != nullptr ? hnsw_->name : "";
+    for (std::uint8_t i = 0; i < std::size(runtime_.store_prefix); ++i)  // of kinds 4, 5 and 6
+      runtime_.store_prefix[i] = store_prefix(name, static_cast<std::uint8_t>(flags_store + 1 + i));
     auto config = std::make_unique<vectpool_conf_s>();
     config->directory = hnsw_->directory;
     config->prefix = hnsw_->on_disk != 0 ? runtime_.store_prefix[0].c_str() : nullptr;

@@ -12,6 +12,8 @@ namespace {
 
 constexpr std::uint8_t label_kind = 5;
 constexpr std::uint8_t attribute_kind = 6;
+constexpr const char* label_ending = "-labels";
+constexpr const char* attribute_ending = "-attributes";
 
 struct record_plan {
   std::uint32_t record_bytes;
@@ -43,28 +45,35 @@ bool has_store(const hnsw_s& record, std::uint8_t kind) {
   return kind >= 1 && kind <= star_store_kind;
 }
 
+std::string store_prefix(const std::string& name, std::uint8_t kind) {
+  const bool ambiguous =
+      name.ends_with(label_ending) || name.ends_with(attribute_ending) || name.ends_with('-');
+  const std::string prefix = ambiguous ? name + "-" : name;
+  if (kind == label_kind) return prefix + label_ending;
+  if (kind == attribute_kind) return prefix + attribute_ending;
+  return prefix;
+}
+
 vector_file_names_s store_files(const hnsw_s& record, const std::string& name, std::uint8_t kind) {
   if (kind == star_store_kind) {
     const auto bytes = static_cast<std::uint32_t>(sizeof(vector_hash_star_s));
-    return {name, index_extension, bytes, vector_records_per_block(bytes, vector_hash_block_bytes),
-            kind};
+    return {store_prefix(name, kind), index_extension, bytes,
+            vector_records_per_block(bytes, vector_hash_block_bytes), kind};
   }
   const record_plan plan = plan_of(record, kind);
   const std::uint64_t block_bytes = plan.bytes_per_unit * record.shape_units;
-  std::string prefix = name;
-  if (kind == label_kind) prefix += "-labels";
-  if (kind == attribute_kind) prefix += "-attributes";
-  return {prefix, index_extension, plan.record_bytes,
+  return {store_prefix(name, kind), index_extension, plan.record_bytes,
           vector_records_per_block(plan.record_bytes, block_bytes), kind};
 }
 
 vector_file_names_s cache_files(const std::string& name) {
   constexpr std::uint32_t item_bytes = sizeof(pers_hash_entry_s) + sizeof(cache_entry_s);
-  return {name, index_extension, item_bytes, pers_hash_items_per_block, cache_store_kind};
+  return {store_prefix(name, cache_store_kind), index_extension, item_bytes,
+          pers_hash_items_per_block, cache_store_kind};
 }
 
 vector_file_names_s bloom_files(const std::string& name, std::uint32_t unit_bytes) {
-  return {name, index_extension, unit_bytes, 1, bloom_store_kind};
+  return {store_prefix(name, bloom_store_kind), index_extension, unit_bytes, 1, bloom_store_kind};
 }
 
 const char* store_title(std::uint8_t kind) {

@@ -31,6 +31,10 @@ constexpr std::uint32_t star_width(std::uint32_t probes) {
   return 32 / probes < 4 ? 4 : 32 / probes;
 }
 
+// What the names of a store's block files begin with. Different for any two stores of any two indexes that could else
+// share a file: stores of labels and attributes have a prefix of their own, and an index whose name could be taken for
+// such a prefix gets one character more.
+std::string store_prefix(const std::string& name, std::uint8_t kind);
 // The stores by their kind, 1 to 7. Requires shape_valid, a dimension and probes.
 bool has_store(const hnsw_s& record, std::uint8_t kind);
 vector_file_names_s store_files(const hnsw_s& record, const std::string& name, std::uint8_t kind);

@@ -4,12 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "engine/index_files.h"
 #include "engine/runtime.h"
 #include "engine/startup.h"
 #include "runtime/job_queue.h"
 #include "runtime/log.h"
 #include "runtime/platform/clock.h"
-#include "runtime/platform/files.h"
 #include "search/result_cache.h"
 #include "storage/mempool.h"
 #include "storage/persistent_allocator.h"
@@ -82,6 +82,7 @@ void korvex_free(hnsw_s* hnsw) {
   if (hnsw->destroy_on_delete != 0 && hnsw->directory != nullptr) {
     KORVEX_LOG("deleting index files in %s\n", hnsw->directory);
     runtime->files_directory = hnsw->directory;
+    runtime->files_name = hnsw->name != nullptr ? hnsw->name : "";
   }
   park_strings(hnsw);
   if (hnsw->memory_manager != nullptr) persistent_malloc_unlock(hnsw->memory_manager);
@@ -115,7 +116,7 @@ void korvex_release(korvex_runtime_s* runtime) {
   persistent_malloc_destroy(manager);
   // On some systems a mapped file cannot be deleted: last of all.
   if (!runtime->files_directory.empty())
-    platform::delete_files(runtime->files_directory.c_str(), "korvex");
+    delete_index_files(runtime->files_directory, runtime->files_name);
 }
 
 int korvex_get_thread_index(hnsw_s* hnsw) {

@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <new>
+#include <span>
 
+#include "engine/index_files.h"
 #include "engine/store_layout.h"
 #include "engine/verify_files.h"
 #include "runtime/platform/clock.h"
@@ -30,25 +33,38 @@ bool exists(const std::string& path) {
   return platform::status_of(path.c_str()).exists;
 }
 
-// The first bytes tell an index file from the block files beside it.
-bool is_index_file(const std::string& path) {
-  if (!platform::status_of(path.c_str()).regular) return false;
-  const int fd = platform::open_file(path.c_str(), platform::open_mode::read_only);
-  if (fd < 0) return false;
-  std::uint64_t magic = 0;
-  const bool whole = platform::read_at(fd, &magic, sizeof magic, 0) == sizeof magic;
-  platform::close_file(fd);
-  return whole && magic == persistent_magic;
-}
-
 std::vector<std::string> index_names(const std::string& directory) {
   const std::string ending = std::string(".") + index_extension;
   std::vector<std::string> names;
   for (const platform::directory_entry& entry : platform::list_directory(directory.c_str())) {
-    if (!entry.name.ends_with(ending) || !is_index_file(directory + "/" + entry.name)) continue;
+    if (!entry.regular || !entry.name.ends_with(ending) ||
+        !holds_index(directory + "/" + entry.name))
+      continue;
     names.push_back(entry.name.substr(0, entry.name.size() - ending.size()));
   }
   return names;
+}
+
+// Why no index was found at any of the places.
+std::string why_none(const std::string& base, std::span<const std::string> places) {
+  const platform::file_status status = platform::status_of(base.c_str());
+  if (!status.exists) return base + ": no such directory, or not one that can be entered";
+  if (!status.directory) return base + ": neither a directory nor an index file";
+  std::string reason = "no index in " + base;
+  if (exists(base + "/" + product_folder) && !exists(places[1]))
+    reason += "; " + places[1] + " cannot be read";
+  for (const std::string& place : places)
+    for (const platform::directory_entry& entry : platform::list_directory(place.c_str())) {
+      if (!entry.name.ends_with(std::string(".") + index_extension)) continue;
+      const std::string path = place + "/" + entry.name;
+      if (holds_block(path)) continue;
+      const bool readable = static_cast<bool>(mapped_file(path));
+      reason += "; " + path +
+                (entry.regular && entry.size == 0 ? " is empty"
+                 : readable                       ? " does not begin as an index file does"
+                                                  : " cannot be read");
+    }
+  return reason;
 }
 
 // Fills in directory and name. False with a reason when there is no such index, or no telling
@@ -56,6 +72,12 @@ std::vector<std::string> index_names(const std::string& directory) {
 bool locate(const std::string& given, const std::string& name, verify_report* report) {
   std::string base = given;
   while (base.size() > 1 && base.back() == '/') base.pop_back();
+  if (name.empty() && holds_index(base)) {  // the index file itself was given
+    const std::filesystem::path path(base);
+    report->directory = path.has_parent_path() ? path.parent_path().string() : ".";
+    report->name = path.stem().string();
+    return path.extension() == std::string(".") + index_extension;
+  }
   const std::string places[] = {base, base + "/" + product_folder + "/0", base + "/0"};
   const std::string wanted = name.empty() ? default_name : name;
   for (const std::string& place : places) {
@@ -76,7 +98,7 @@ bool locate(const std::string& given, const std::string& name, verify_report* re
     for (const std::string& each : names) report->reason += " " + each;
     return false;
   }
-  report->reason = "no index in " + base;
+  report->reason = why_none(base, places);
   return false;
 }
 
@@ -187,29 +209,6 @@ class directory_check {
     check_bloom(&index_, &report_.statistics, &out_);
   }
 
-  // Whether the name is that of a block file: two codes behind the prefix of a store.
-  bool looks_ours(const std::string& file) const {
-    const std::string ending = std::string(".") + index_extension;
-    for (const char* store : {"", "-labels", "-attributes"}) {
-      const std::string prefix = report_.name + store;
-      if (!file.starts_with(prefix + "-") || !file.ends_with(ending)) continue;
-      // Another index may be called as the prefix of these stores is.
-      if (*store != '\0' && exists(file_of(report_.directory, prefix))) continue;
-      const std::string codes =
-          file.substr(prefix.size() + 1, file.size() - prefix.size() - 1 - ending.size());
-      if (are_two_codes(codes)) return true;
-    }
-    return false;
-  }
-
-  static bool are_two_codes(const std::string& text) {
-    const std::size_t dash = text.find('-');
-    return dash != std::string::npos && dash != 0 && dash + 1 < text.size() &&
-           text.find_first_not_of("abcdefghijklmnopqrstuvwxyz012345", dash + 1) ==
-               std::string::npos &&
-           text.find_first_not_of("abcdefghijklmnopqrstuvwxyz012345") == dash;
-  }
-
   void list_files() {
     const std::string saved = report_.name + "." + index_extension + ".compact";
     index_.claimed.emplace(saved, "saved index");
@@ -217,7 +216,7 @@ class directory_check {
          platform::list_directory(report_.directory.c_str())) {
       const auto known = index_.claimed.find(entry.name);
       const bool stray = known == index_.claimed.end();
-      if (stray && !looks_ours(entry.name)) continue;
+      if (stray && !is_block_file_of(report_.name, entry.name)) continue;
       const std::string path = report_.directory + "/" + entry.name;
       report_.files.push_back({entry.name, stray ? "unknown" : known->second, entry.size,
                                platform::allocated_bytes(path.c_str())});

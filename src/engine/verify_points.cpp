@@ -74,7 +74,7 @@ class counter_check {
     }
     if (seed >= index_.size())
       out_.add(severity_, "seeds", "probe %u begins at point %u, there are %u", probe, seed,
-               index_.size() - 1);
+               std::max(index_.size(), 1u) - 1);
     else if (record_.norm_probing == 0 && index_.probe_of(seed) != probe)
       out_.add(severity_, "seeds", "probe %u begins at point %u of probe %u", probe, seed,
                index_.probe_of(seed));

@@ -22,11 +22,16 @@ namespace {
 
 constexpr int pinned_id_slots = 1000000;
 constexpr std::uint64_t largest_entry = std::numeric_limits<int>::max() / 2;  // pools count in int
+constexpr std::uint32_t most_pinned_ranges = 16'384;
+std::atomic<std::uint32_t> pinned_ranges{0};  // of the process
 constexpr std::size_t copy_alignment = 64;
+constexpr std::uint32_t large_cache =
+    4096;  // entries from which on the order of use is kept roughly
 
 // Copied data follows the node.
 struct cache_node {
   std::uint32_t id;
+  std::uint32_t refreshed;  // the cache's use clock when the node became the newest
   cache_node* chain;
   cache_node* older;
   cache_node* newer;
@@ -79,6 +84,7 @@ struct data_cache_s {
   std::uint32_t max_entries = 0;
   cache_node* newest = nullptr;  // in pin mode the list of what is pinned
   cache_node* oldest = nullptr;
+  std::uint32_t use_clock = 0;
   mempool_s* pool = nullptr;
   int32find_s locked_ids{};
   std::uint32_t locked_id_count = 0;  // also ids whose pin failed
@@ -114,12 +120,29 @@ void make_newest(data_cache_s& cache, cache_node* node) {
   node->older = cache.newest;
   (cache.newest != nullptr ? cache.newest->newer : cache.oldest) = node;
   cache.newest = node;
+  node->refreshed = ++cache.use_clock;
 }
 
+void put_in_chain(data_cache_s& cache, cache_node* node) {
+  node->chain = cache.bucket(node->id);
+  cache.bucket(node->id) = node;
+}
+
+// Also to the front of its chain: chains are long in a large cache, and what is asked for is asked for again.
 void refresh(data_cache_s& cache, cache_node* node) {
   if (cache.newest == node) return;
   unlink_from_use_list(cache, node);
   make_newest(cache, node);
+  unlink_from_chain(cache, node);
+  put_in_chain(cache, node);
+}
+
+// Whether the node can wait for its refresh: in a large cache also one of the newest eighth, which is far from being
+// evicted. Saves most readers the exclusive lock.
+bool recent(const data_cache_s& cache, const cache_node* node) {
+  if (node == cache.newest) return true;
+  return cache.max_entries >= large_cache &&
+         cache.use_clock - node->refreshed < cache.max_entries / 8;
 }
 
 bool may_hold(const data_cache_s* cache, std::uint32_t id) {
@@ -134,7 +157,7 @@ bool with_entry(data_cache_s& cache, std::uint32_t id, Use use) {
     const std::shared_lock reading(cache.lock);
     cache_node* node = find_node(cache, id);
     if (node == nullptr) return false;
-    if (node == cache.newest) {
+    if (recent(cache, node)) {
       use(node);
       return true;
     }
@@ -162,7 +185,9 @@ int pin(data_cache_s& cache, std::uint32_t id, void* data) {
   }
   const std::lock_guard writing(cache.lock);
   if (int32find_get(&cache.locked_ids, id) != 0) return 1;
-  if (cache.locked_id_count >= cache.locked_ids.capacity / 4 * 3) return 0;
+  if (cache.locked_id_count >= cache.locked_ids.capacity / 4 * 3 ||
+      pinned_ranges.load(std::memory_order_relaxed) >= most_pinned_ranges)
+    return 0;
   auto* node = static_cast<cache_node*>(mempool_alloc(cache.pool, nullptr, nullptr));
   if (node == nullptr) return 0;
   int32find_set(&cache.locked_ids, id, 1);
@@ -172,14 +197,17 @@ int pin(data_cache_s& cache, std::uint32_t id, void* data) {
     mempool_free(cache.pool, node, nullptr);
     return 1;
   }
-  *node = {id, nullptr, nullptr, nullptr, data};
+  *node = {id, 0, nullptr, nullptr, nullptr, data};
   make_newest(cache, node);
+  pinned_ranges.fetch_add(1, std::memory_order_relaxed);
   return 1;
 }
 
 void unpin_all(data_cache_s& cache) {
-  for (const cache_node* node = cache.newest; node != nullptr; node = node->older)
+  for (const cache_node* node = cache.newest; node != nullptr; node = node->older) {
     unlock_memory(node->data, cache.entry_size);
+    pinned_ranges.fetch_sub(1, std::memory_order_relaxed);
+  }
 }
 
 // A node for a new id: from the pool, else the least recently used one.
@@ -273,8 +301,7 @@ int data_cache_add(data_cache_s* cache, std::uint32_t id, void* data) {
   if (node == nullptr) return 0;
   node->id = id;
   std::memmove(node->copy(), data, cache->entry_size);
-  node->chain = cache->bucket(id);
-  cache->bucket(id) = node;
+  put_in_chain(*cache, node);
   make_newest(*cache, node);
   return 1;
 }

@@ -8,8 +8,9 @@ namespace korvex {
 // Any value but pin works as copy.
 enum data_cache_mode_t : std::uint32_t { data_cache_pin = 1, data_cache_copy = 2 };
 
-// A bounded cache of fixed-size blocks by id that forgets the least recently used one. In pin mode
-// it copies nothing: it keeps the caller's memory for each id from being paged out.
+// A bounded cache of fixed-size blocks by id that forgets the least recently used one; with 4,096
+// entries and more, one of those that were not used for long. In pin mode it copies nothing: it
+// keeps the caller's memory for each id from being paged out.
 // Threads     every operation may be called from any thread; init and destroy are alone.
 // Ownership   copies belong to the cache; pinned memory stays the caller's and must outlive the
 //             cache's clear or destroy.
@@ -33,7 +34,8 @@ void* data_cache_get_copy(data_cache_s* cache, std::uint32_t id);
 
 // Caches the data, or pins entry-size bytes at it. 1 when that is done or was done before. Pinning
 // also counts as done when the system refuses, so that it is not tried again and again; it ends,
-// with 0, at max entries or when the set of pinned ids is three quarters full.
+// with 0, at max entries, when the set of pinned ids is three quarters full, or when 16,384 ranges are
+// pinned in the process: each one is a mapping of its own to the system, which has room for 65,530.
 int data_cache_add(data_cache_s* cache, std::uint32_t id, void* data);
 // 1 removed, 0 not found. Pinned memory is only released by clear and destroy: the system pins
 // whole pages, and neighbours share them.

@@ -100,12 +100,18 @@ TEST_F(IndexVerbs, ExitCodesTellWhatWasFound) {
   expect(open);
   close();
   std::filesystem::create_directories(path("empty"));
+  std::filesystem::create_directories(path("hollow"));
+  for (const char* file : {"hollow/none.korvex", "note.txt"}) std::ofstream(path(file)) << "";
+  EXPECT_EQ(run("verify " + folder() + "/points.korvex"), 0) << err_;
   for (const auto& entry : std::filesystem::directory_iterator(folder()))
     if (entry.path().filename().string().starts_with("points-labels"))
       std::filesystem::resize_file(entry.path(), 100);
   const std::vector<row> damaged = {
       {"verify " + path("base"), 5, "error    blocks: points-labels", "points: 2 findings"},
       {"verify " + path("empty"), 3, "", "no index in"},
+      {"verify " + path("absent"), 3, "", "no such directory"},
+      {"verify " + path("note.txt"), 3, "", "neither a directory nor an index file"},
+      {"verify " + path("hollow"), 3, "", "hollow/none.korvex is empty"},
       {"verify --name other " + path("base"), 3, "", "there is: points"},
       {"verify", 2, "", "directory"},
       {"info " + path("empty"), 3, "", "no index in"}};

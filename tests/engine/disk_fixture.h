@@ -8,6 +8,7 @@
 
 #include "engine/index_fixture.h"
 #include "runtime/platform/threads.h"
+#include "search/direct.h"
 
 // An index on disk, in a directory of its own.
 namespace korvex::test {
@@ -71,6 +72,26 @@ class disk_index {
   hnsw_s* hnsw_ = nullptr;
   korvex_runtime_s* runtime_ = nullptr;
 };
+
+// The additions that succeed, from row `first` on, until one fails.
+inline int add_until_refused(hnsw_s* hnsw, const cloud& data, int first = 0) {
+  for (int i = first; i < data.size(); ++i)
+    if (korvex_add(hnsw, data[i], 0) != static_cast<std::uint32_t>(i)) return i;
+  return data.size();
+}
+
+// How many of the first n points are found by a query for themselves.
+inline int found(hnsw_s* hnsw, const cloud& data, int n) {
+  int hits = 0;
+  direct_options options;
+  options.radius = 100;
+  for (int i = 0; i < n; ++i) {
+    std::uint32_t id = 0;
+    if (korvex_search_direct(hnsw, data[i], 1, 1, &options, &id, nullptr, nullptr) == 1)
+      hits += id == static_cast<std::uint32_t>(i) ? 1 : 0;
+  }
+  return hits;
+}
 
 }  // namespace korvex::test
 

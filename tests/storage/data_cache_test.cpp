@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <list>
@@ -15,6 +16,8 @@
 #include <vector>
 
 #include "runtime/platform/faults.h"
+#include "runtime/platform/memory.h"
+#include "storage/mapping.h"
 
 namespace {
 
@@ -124,6 +127,25 @@ TEST(DataCache, PinningRecordsIdsOnlyAndStopsAtItsLimit) {
     EXPECT_EQ(std::vector({entries, limit, highest}), std::vector({0u, 3u, 0u}));
     data_cache_clear(cache.get());  // unpins: there is room again
   }
+}
+
+// Each pinned range is a mapping of its own to the system, and those are limited for the whole process.
+TEST(DataCache, PinningLeavesTheProcessRoomForMappings) {
+  constexpr std::uint32_t pages = 70'000;
+  const std::uint64_t page = platform::page_size();
+  if (!platform::may_lock(pages * page)) GTEST_SKIP() << "no right to lock memory";
+  mmap_handle_t memory = platform_mmap_anon(2 * pages * page, 0, false, false, false);
+  ASSERT_NE(memory.data, nullptr);
+  data_cache_s* const cache = data_cache_init(64, pages, data_cache_pin);
+  for (std::uint32_t id = 1; id < pages; ++id)
+    data_cache_add(cache, id, static_cast<std::byte*>(memory.data) + 2 * page * id);
+  for (int i = 0; i < 100; ++i) {
+    mmap_handle_t more = platform_mmap_anon(page, 0, false, false, false);
+    EXPECT_NE(more.data, nullptr) << i;
+    platform_munmap(&more);
+  }
+  data_cache_destroy(cache);
+  platform_munmap(&memory);
 }
 
 TEST(DataCache, ARefusedPinIsNotTriedAgain) {

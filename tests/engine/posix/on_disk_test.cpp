@@ -1,0 +1,108 @@
+// What needs another process or a disk of its own: a full disk, a limit on file sizes, a second opener.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+#include "engine/posix/child_process.h"
+#include "engine/disk_fixture.h"
+#include "engine/startup.h"
+
+namespace korvex::test {
+namespace {
+
+TEST(FullDisk, AdditionsFailAnswersStayAndRoomLetsItGoOn) {
+  const scratch_directory directory;
+  const int outcome = in_child([&] {
+    if (!mount_small_disk(directory.path(), 24'000'000)) return child_skipped;
+    const std::string ballast = directory.path() + "/ballast";
+    std::ofstream(ballast) << std::string(6'000'000, 'b');
+    disk_index_options options;
+    options.dimension = 256;
+    options.units = 1024;
+    options.constellation = 16;
+    const cloud data = make_clusters(30'000, options.dimension, 3);
+    int full = 0;
+    int all = 0;
+    {
+      const disk_index index(directory.path(), "full", options);
+      const log_capture log;
+      full = add_until_refused(index, data);
+      EXPECT_GT(full, 1'000);
+      EXPECT_LT(full, data.size());
+      EXPECT_GE(log_capture::count("ftruncate failed for file"), 1);
+      EXPECT_EQ(log_capture::count("vector allocation failed") +
+                    log_capture::count("list allocation failed"),
+                1);
+      EXPECT_EQ(korvex_add(index, data[full], 0), 0u) << "still full";
+      EXPECT_GE(found(index, data, full), full * 99 / 100);
+
+      std::filesystem::remove(ballast);
+      all = add_until_refused(index, data, full);
+      EXPECT_GT(all, full + 1'000) << "there was room again";
+      EXPECT_GE(found(index, data, all), all * 99 / 100);
+    }
+    const disk_index again(directory.path(), "full", options);
+    korvex_init_memory(again);
+    EXPECT_EQ(static_cast<hnsw_s*>(again)->added, static_cast<std::uint32_t>(all));
+    EXPECT_GE(found(again, data, all), all * 99 / 100);
+    return child_done;
+  });
+  if (outcome == child_skipped) GTEST_SKIP() << "no disk may be mounted here";
+  EXPECT_EQ(outcome, child_done);
+}
+
+// A file that would grow over the limit is answered with a signal, which ends a process that does not look first.
+TEST(FullDisk, ALimitOnFileSizesIsAFailureNotTheEnd) {
+  const scratch_directory directory;
+  const int outcome = in_child([&] {
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = 60'000'000;  // the index file fits, a block of vectors does not
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    disk_index_options options;
+    options.dimension = 128;
+    options.units = 131'072;
+    const cloud data = make_clusters(50, options.dimension, 4);
+    const disk_index index(directory.path(), "limited", options);
+    const log_capture log;
+    EXPECT_THROW(korvex_add(index, data[0], 0), std::runtime_error);
+    EXPECT_EQ(log_capture::count("ftruncate failed for file"), 1);
+    limit.rlim_cur = before;
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_EQ(add_until_refused(index, data), data.size());
+    EXPECT_EQ(found(index, data, data.size()), data.size());
+    return child_done;
+  });
+  EXPECT_EQ(outcome, child_done);
+}
+
+TEST(SecondOpener, IsRefused) {
+  const scratch_directory directory;
+  const auto refused = [&] {
+    log_capture::install();
+    const log_capture log;
+    const hnsw_s* const second = korvex_init(8, 0, directory.path().c_str(), "one");
+    EXPECT_EQ(log_capture::count("is in use"), 1);
+    EXPECT_EQ(log_capture::count("Unable to allocate memory manager.."), 1);
+    return second == nullptr ? child_done : child_failed;
+  };
+  child_process other(refused);
+  const cloud data = make_clusters(100, 8, 5);
+  {
+    const disk_index index(directory.path(), "one", {});
+    add_until_refused(index, data);
+    EXPECT_EQ(refused(), child_done) << "the same process";
+    EXPECT_EQ(other.finish(), child_done) << "another process";
+    EXPECT_EQ(found(index, data, data.size()), data.size());
+  }
+  const disk_index again(directory.path(), "one", {});
+  EXPECT_EQ(found(again, data, data.size()), data.size());
+}
+
+}  // namespace
+}  // namespace korvex::test
