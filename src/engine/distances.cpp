@@ -7,6 +7,7 @@
 #include "engine/scoring.h"
 #include "engine/startup.h"
 #include "runtime/log.h"
+#include "storage/data_cache.h"
 
 namespace korvex {
 
@@ -53,8 +54,10 @@ float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored,
 // compared.
 class star_scan {
  public:
-  star_scan(const hnsw_s* hnsw, const vector_hash_node_s& n, float* out)
+  // With `cache`, rows are read through the store's data cache, and missed ones put into it.
+  star_scan(const hnsw_s* hnsw, const vector_hash_node_s& n, vectpool_c* cache, float* out)
       : runtime_(*hnsw->runtime),
+        cache_(cache),
         scorer_(runtime_),
         inner_product_(hnsw->distance_type == DISTANCE_INNER_PRODUCT),
         squares_(hnsw->distance_type == DISTANCE_L2),
@@ -74,6 +77,8 @@ class star_scan {
 
  private:
   static constexpr std::uint32_t handful_size = 8;
+  static_assert(2 * handful_size <= data_cache_copies,
+                "both handfuls are copies of a cache at once");
   struct handful {
     std::uint32_t count = 0;
     std::uint32_t position[handful_size];
@@ -83,11 +88,14 @@ class star_scan {
 
   void fetch(const std::uint32_t* ids, std::uint32_t first, std::uint32_t end, handful* next) {
     for (std::uint32_t i = first; i < end; ++i) {
-      const float* const row = vector_of(runtime_, ids[i]);
+      const float* row = vector_of(runtime_, ids[i]);
       const float magnitude = stored_magnitude(runtime_, ids[i]);
       out_[i] = largest_float;
       if (row == nullptr || too_far(magnitude)) continue;
-      scorer_.prefetch(row);
+      if (cache_ != nullptr)
+        row = static_cast<const float*>(cache_->get_cached(ids[i], 1));
+      else
+        scorer_.prefetch(row);
       next->position[next->count] = i;
       next->magnitude[next->count] = magnitude;
       next->row[next->count++] = row;
@@ -121,6 +129,7 @@ class star_scan {
   static constexpr float rounding_margin = 1e-4f;
 
   const korvex_runtime_s& runtime_;
+  vectpool_c* const cache_;
   const row_scorer scorer_;
   const bool inner_product_;
   const bool squares_;
@@ -167,7 +176,13 @@ float korvex_get_hash_distance_cached(void* context, unsigned id, vector_hash_no
 
 void korvex_get_hash_distances(void* context, const std::uint32_t* ids, std::uint32_t count,
                                vector_hash_node_s* n, float* out) {
-  star_scan(static_cast<const hnsw_s*>(context), *n, out).run(ids, count);
+  star_scan(static_cast<const hnsw_s*>(context), *n, nullptr, out).run(ids, count);
+}
+
+void korvex_get_hash_distances_cached(void* context, const std::uint32_t* ids, std::uint32_t count,
+                                      vector_hash_node_s* n, float* out) {
+  const auto* const hnsw = static_cast<const hnsw_s*>(context);
+  star_scan(hnsw, *n, hnsw->runtime->store[vector_store], out).run(ids, count);
 }
 
 float korvex_get_norm_distance(hnsw_s* hnsw, std::uint32_t id, const float* unit) {

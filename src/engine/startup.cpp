@@ -223,7 +223,8 @@ class startup {
           vector_hash_init(dimension, dimension, width, runtime_.star_pool, hnsw_->memory_manager,
                            10 * (probe + 1), distance, hnsw_);
       if (hash == nullptr) throw std::runtime_error("no room for a vector hash");
-      if (cache_bytes_ == 0) vector_hash_set_scan(hash, korvex_get_hash_distances);
+      vector_hash_set_scan(
+          hash, cache_bytes_ != 0 ? korvex_get_hash_distances_cached : korvex_get_hash_distances);
       runtime_.hash[probe] = hash;
     }
   }

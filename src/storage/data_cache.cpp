@@ -65,7 +65,7 @@ class copy_ring {
     void* memory = nullptr;
     std::size_t size = 0;
   };
-  buffer slots_[4];
+  buffer slots_[data_cache_copies];
   unsigned turn_ = 0;
 };
 

@@ -8,6 +8,9 @@ namespace korvex {
 // Any value but pin works as copy.
 enum data_cache_mode_t : std::uint32_t { data_cache_pin = 1, data_cache_copy = 2 };
 
+// Copies that a thread may use at once.
+inline constexpr std::uint32_t data_cache_copies = 16;
+
 // A bounded cache of fixed-size blocks by id that forgets the least recently used one; with 4,096
 // entries and more, one of those that were not used for long. In pin mode it copies nothing: it
 // keeps the caller's memory for each id from being paged out.
@@ -29,7 +32,7 @@ void data_cache_set_max_entries(data_cache_s* cache, std::uint32_t max_entries);
 // until anyone adds or removes: beside other threads use data_cache_get_copy.
 void* data_cache_get(data_cache_s* cache, std::uint32_t id);
 // As data_cache_get, but a 64-byte-aligned copy in the calling thread's memory, good until the
-// thread's fourth call from now, on any cache. Also null when memory fails.
+// thread's data_cache_copies-th call from now, on any cache. Also null when memory fails.
 void* data_cache_get_copy(data_cache_s* cache, std::uint32_t id);
 
 // Caches the data, or pins entry-size bytes at it. 1 when that is done or was done before. Pinning

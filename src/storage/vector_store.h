@@ -127,8 +127,8 @@ inline void* vector_get(const vector_manager_s* m, unsigned id) {
   return blocks[id >> m->id_shift].data + vector_block_header_bytes + slot * m->record_size;
 }
 
-// As vector_get, or a copy from the data cache. A copy lives until this thread's fourth call from
-// now, on any store. `add` non-zero puts a missed record into the cache. Only for records that no
+// As vector_get, or a copy from the data cache. A copy lives until this thread's call number
+// data_cache_copies from now, on any store. `add` non-zero puts a missed record into the cache. Only for records that no
 // longer change.
 void* vector_get_cached(vector_manager_s* m, unsigned id, int add);
 

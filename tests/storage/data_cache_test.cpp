@@ -97,16 +97,16 @@ TEST(DataCache, ForgetsTheLeastRecentlyUsed) {
   }
 }
 
-TEST(DataCache, ACopyOutlivesTheEntryForThreeMoreCalls) {
+TEST(DataCache, ACopyOutlivesTheEntryForSomeMoreCalls) {
   auto cache = make_cache(1);
-  std::array<void*, 4> copies{};
-  for (std::uint32_t i = 0; i < 4; ++i) {
+  std::array<void*, data_cache_copies> copies{};
+  for (std::uint32_t i = 0; i < data_cache_copies; ++i) {
     add(cache.get(), i + 1, i + 1);  // evicts the entry before it
     copies[i] = data_cache_get_copy(cache.get(), i + 1);
     ASSERT_NE(copies[i], nullptr);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(copies[i]) % 64, 0u);
   }
-  for (std::uint32_t i = 0; i < 4; ++i)
+  for (std::uint32_t i = 0; i < data_cache_copies; ++i)
     EXPECT_EQ(std::memcmp(copies[i], filled(i + 1).data(), sizeof(entry)), 0);
 }
 
