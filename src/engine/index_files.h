@@ -9,8 +9,8 @@ namespace korvex {
 // Whether a file of that name is a block file of the index: two codes behind the prefix of one of its stores.
 bool is_block_file_of(const std::string& index, const std::string& file);
 
-// Whether the file begins as a block file does, and as an index file does. An index may be called as a block file of
-// another one; neither may then take the other's file for a damaged one of its own.
+// Whether the file begins as a block file does, or as an index file does: an index may be called as a block file of
+// another one.
 bool holds_block(const std::string& path);
 bool holds_index(const std::string& path);
 

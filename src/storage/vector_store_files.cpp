@@ -31,21 +31,24 @@ void log_map_failure(const vector_manager_s& m, const char* path) {
              static_cast<unsigned long long>(block_bytes(m)));
 }
 
-bool begins_as_index(const char* path) {
+// Whether the file is that of an open index, which is called as the block is.
+bool is_open_index(const char* path) {
   std::uint64_t magic = 0;
   const int fd = platform::open_file(path, platform::open_mode::read_only);
-  const bool read = fd >= 0 && platform::read_at(fd, &magic, sizeof magic, 0) == sizeof magic;
+  if (fd < 0) return false;
+  const bool open = platform::read_at(fd, &magic, sizeof magic, 0) == sizeof magic &&
+                    magic == persistent_magic && platform::lock_file(fd) != 0;
   platform::close_file(fd);
-  return read && magic == persistent_magic;
+  return open;
 }
 
 // Whatever stands where a new block must go was refused by the restore, which said so: its bytes
 // are kept under another name, because a block that is written into must start empty. False when it
-// cannot be moved, and for the file of an index that is called as the block is.
+// cannot or must not be moved.
 bool set_aside(const char* path) {
   const platform::file_status status = platform::status_of(path);
   if (!status.exists || (status.regular && status.size == 0)) return true;
-  if (status.regular && begins_as_index(path)) return false;
+  if (status.regular && is_open_index(path)) return false;
   return platform::rename_file(path, (std::string(path) + ".bad").c_str()) == 0;
 }
 
