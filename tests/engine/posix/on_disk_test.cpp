@@ -7,8 +7,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "engine/posix/child_process.h"
 #include "engine/disk_fixture.h"
+#include "engine/posix/child_process.h"
 #include "engine/startup.h"
 
 namespace korvex::test {
