@@ -9,6 +9,7 @@
 #include "engine/indexing.h"
 #include "engine/points.h"
 #include "engine/startup.h"
+#include "engine/sync.h"
 #include "runtime/log.h"
 #include "search/result_cache.h"
 #include "storage/bloom_filter.h"
@@ -28,7 +29,7 @@ class insertion {
   std::uint32_t public_id() const { return id_ - 1; }
 
   bool run() {
-    std::atomic_ref(hnsw_->clean_close).store(0, std::memory_order_relaxed);
+    korvex_begin_changes(hnsw_);
     if (!allocate()) return false;
     if (!store_vector()) return false;
     const bool is_first_of_probe = choose_probe();
@@ -91,10 +92,12 @@ class insertion {
     korvex_expand_vector(hnsw_, stored_);
     runtime_.last_magnitude =
         normalize_vector(stored_, runtime_.unit_scratch.get(), hnsw_->dimension);
-    *static_cast<float*>(record_of(runtime_, magnitude_store, id_)) = runtime_.last_magnitude;
     clear_flags(runtime_, id_, 0xFF);
     if (runtime_.labels)
       *static_cast<std::uint64_t*>(record_of(runtime_, label_store, id_)) = label_;
+    // Last: after a kill it proves the rest.
+    std::atomic_ref(*static_cast<float*>(record_of(runtime_, magnitude_store, id_)))
+        .store(magnitude_word(runtime_.last_magnitude), std::memory_order_release);
     return true;
   }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <thread>
 
+#include "engine/inbound.h"
 #include "engine/points.h"
 #include "engine/runtime.h"
 #include "runtime/log.h"
@@ -84,6 +85,35 @@ lock_result try_lock(const korvex_runtime_s& runtime, std::uint32_t id) {
 void unlock(const korvex_runtime_s& runtime, std::uint32_t id) {
   std::atomic_ref<std::uint8_t>(*flags_of(runtime, id))
       .fetch_and(static_cast<std::uint8_t>(~flag_link_lock), std::memory_order_release);
+}
+
+// May wait, because nobody waits who holds one. False when there is no bit to take.
+bool wait_for_lock(const korvex_runtime_s& runtime, std::uint32_t id) {
+  lock_result result = try_lock(runtime, id);
+  while (result == lock_result::busy) {
+    std::this_thread::yield();
+    result = try_lock(runtime, id);
+  }
+  return result == lock_result::taken;
+}
+
+// Empties a point's own list; what early reverse links stood there is noted.
+void set_aside_list(const korvex_runtime_s& runtime, graph_record graph, std::uint32_t node,
+                    korvex_nbrs_s* nbrs) {
+  if (graph.slot(0) != 0) {
+    const bool locked = wait_for_lock(runtime, node);
+    note_links(runtime, graph, node, nbrs);
+    graph.set_slot(0, 0);
+    if (locked) unlock(runtime, node);
+  }
+  graph.set_worst(0.0f);
+}
+
+bool hold_at(korvex_runtime_s& runtime, std::uint32_t neighbour, std::uint32_t node) {
+  if (!wait_for_lock(runtime, neighbour)) return false;
+  const bool held = hold_link(runtime, graph_of(runtime, neighbour), neighbour, node);
+  unlock(runtime, neighbour);
+  return held;
 }
 
 // The reverse link: `node` into the list of `neighbour`, whose lock bit the caller holds.
@@ -206,38 +236,49 @@ class connection {
   int attempts_ = 0;
 };
 
+// A new point whose neighbours all had nearer ones, so that no list took it in, is kept by the first
+// of the older ones that can, in the end by the seed of its probe.
+void hold_point(hnsw_s* hnsw, std::uint32_t node) {
+  korvex_runtime_s& runtime = *hnsw->runtime;
+  if (held_by_older(runtime, node)) return;
+  const graph_record own = graph_of(runtime, node);
+  for (std::uint32_t i = 0; own && i < runtime.neighbour_count; ++i) {
+    const std::uint32_t neighbour = own.slot(i);
+    if (neighbour == 0) break;
+    if (neighbour < node && hold_at(runtime, neighbour, node)) return;
+  }
+  const std::uint32_t seed = probe_seed(hnsw, probe_of(hnsw, node));
+  if (seed != 0 && seed < node) hold_at(runtime, seed, node);
+}
+
 }  // namespace
 
 void korvex_select_nbrs(hnsw_s* hnsw, korvex_nbrs_s* nbrs, std::uint32_t node, std::uint32_t max,
                         bool copy) {
-  const korvex_runtime_s& runtime = *hnsw->runtime;
-  graph_record graph = graph_of(runtime, node);
+  korvex_runtime_s& runtime = *hnsw->runtime;
+  const graph_record graph = graph_of(runtime, node);
   if (!graph) {
     KORVEX_LOG_CRITICAL("get graph failed for id: %u\n", node);
     return;
   }
+  const bool locked_by_caller = copy;
+  nbrs->noted_count = 0;
   // Chosen on the side either way; without `copy` the list reads as empty while its neighbours are
   // chosen.
-  if (!copy) {
-    graph.set_slot(0, 0);
-    graph.set_worst(0.0f);
-  }
+  if (!locked_by_caller) set_aside_list(runtime, graph, node, nbrs);
   const std::uint32_t chosen = select(runtime, nbrs, std::min(max, runtime.neighbour_count));
-  // The caller of `copy` holds the bit. Otherwise somebody may be adding an early reverse link;
-  // holders never wait, so this one may.
-  lock_result own = copy ? lock_result::missing : try_lock(runtime, node);
-  while (own == lock_result::busy) {
-    std::this_thread::yield();
-    own = try_lock(runtime, node);
-  }
+  const bool locked = !locked_by_caller && wait_for_lock(runtime, node);
+  note_links(runtime, graph, node, nbrs);
   write_list(graph, *nbrs, chosen, runtime.neighbour_count);
-  if (own == lock_result::taken) unlock(runtime, node);
+  settle_dropped(runtime, graph, node, nbrs);
+  if (locked) unlock(runtime, node);
 }
 
 void korvex_connect_nbrs(hnsw_s* hnsw, korvex_nbrs_s* nbrs, korvex_nbrs_s* second,
                          std::uint32_t node, int32find_s* conmap) {
   korvex_select_nbrs(hnsw, nbrs, node, std::max(hnsw->runtime->neighbour_count / 2, 1u), false);
   connection(hnsw, second, node, conmap).run();
+  hold_point(hnsw, node);
 }
 
 }  // namespace korvex

@@ -21,9 +21,11 @@ korvex_nbrs_s* korvex_nbrs_alloc(hnsw_s* hnsw, int capacity) {
   nbrs->distances = new (std::nothrow) float[slots];
   nbrs->selection = new (std::nothrow) std::uint32_t[slots];
   nbrs->selection_vectors = new (std::nothrow) const float*[slots];
+  nbrs->noted = new (std::nothrow) std::uint32_t[2 * slots];
+  nbrs->noted_capacity = 2 * slots;
   if (nbrs->elements == nullptr || nbrs->candidates == nullptr || nbrs->results == nullptr ||
       nbrs->beam == nullptr || nbrs->distances == nullptr || nbrs->selection == nullptr ||
-      nbrs->selection_vectors == nullptr) {
+      nbrs->selection_vectors == nullptr || nbrs->noted == nullptr) {
     korvex_nbrs_free(nbrs);
     return nullptr;
   }
@@ -47,6 +49,7 @@ void korvex_nbrs_free(korvex_nbrs_s* nbrs) {
   delete[] nbrs->distances;
   delete[] nbrs->selection;
   delete[] nbrs->selection_vectors;
+  delete[] nbrs->noted;
   if (nbrs->elements != nullptr) blockpool_destroy(nbrs->elements);
   delete nbrs;
 }

@@ -45,6 +45,9 @@ struct korvex_nbrs_s {
   walk_beam* beam;                  // the walk's own form of `candidates`
   std::uint32_t* selection;         // room for one neighbour list
   const float** selection_vectors;  // and for the vectors of its members
+  std::uint32_t* noted;             // links of a list that is being rewritten; see inbound.h
+  std::uint32_t noted_count;
+  std::uint32_t noted_capacity;  // of two lists
 };
 
 // Null when memory is short.

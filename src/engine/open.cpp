@@ -123,22 +123,6 @@ void write_defaults(hnsw_s* hnsw, std::uint32_t dimension, std::uint8_t instance
   hnsw->identity = new_identity(hnsw);
 }
 
-// Everything that named a place in the process that wrote the file.
-void clear_process_fields(hnsw_s* hnsw) {
-  hnsw->memory_initialised = 0;
-  hnsw->distance = nullptr;
-  hnsw->distance_function = nullptr;
-  hnsw->stop_searching = 0;
-  hnsw->stop_indexing = 0;
-  hnsw->destroy_on_delete = 0;
-  hnsw->bloom = nullptr;
-  hnsw->search_pool = nullptr;
-  hnsw->search_queue = nullptr;
-  hnsw->log_handle = -1;
-  hnsw->runtime = nullptr;
-  std::memset(hnsw->thread_slots, 0, sizeof hnsw->thread_slots);
-}
-
 bool bind_to_process(hnsw_s* hnsw, persistent_malloc_s* manager, const index_location& location) {
   hnsw->memory_manager = manager;
   hnsw->on_disk = location.directory.empty() ? 0 : 1;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <new>
 
 #include "engine/linking.h"
 #include "engine/neighbours.h"
@@ -90,11 +91,7 @@ bool linker::repeats(float key) const {
 
 void point_linking::link(const claimed_point& point) {
   const std::uint32_t seed = probe_seed(hnsw_, probe_of(hnsw_, point.id));
-  if (point.handover.entry == 0)
-    KORVEX_LOG("*** BUG *** ep_id not passed to thread: nid %u l %p\n", point.id,
-               graph_of(runtime_, point.id).address());
-  const std::uint32_t entry =
-      point.handover.entry == 0 ? 0 : usable_entry(hnsw_, point.handover.entry, seed);
+  const std::uint32_t entry = entry_of(point, seed);
   if (entry != 0 && entry != point.id) {
     nearest_key_ = tools_.search(point.id, entry);
     if (indexing_is_stopping(hnsw_)) return;
@@ -103,6 +100,31 @@ void point_linking::link(const claimed_point& point) {
     if (indexing_is_stopping(hnsw_)) return;
   }
   count_networked(hnsw_);
+}
+
+std::uint32_t point_linking::entry_of(const claimed_point& point, std::uint32_t seed) {
+  std::uint32_t entry = point.handover.entry;
+  if (entry == 0 && point.relinked) {
+    entry = nearest_star(point.id);
+    if (entry == 0) return seed;
+  }
+  if (entry != 0) return usable_entry(hnsw_, entry, seed);
+  KORVEX_LOG("*** BUG *** ep_id not passed to thread: nid %u l %p\n", point.id,
+             graph_of(runtime_, point.id).address());
+  return 0;
+}
+
+// Where the walk of a point starts whose addition is forgotten; 0 when its hash does not tell.
+std::uint32_t point_linking::nearest_star(std::uint32_t id) {
+  vector_hash_node_s query;
+  query.query = vector_of(runtime_, id);
+  if (unit_ == nullptr) unit_.reset(new (std::nothrow) float[runtime_.dimension]);
+  if (unit_ == nullptr || query.query == nullptr) return 0;
+  normalize_vector(query.query, unit_.get(), runtime_.dimension);
+  query.vector = unit_.get();
+  vector_hash_node_s answer;
+  vector_hash_search(runtime_.hash[probe_of(hnsw_, id)], &query, &answer);
+  return answer.id == id ? 0 : answer.id;
 }
 
 // Of a point and its copies one stays visible. The original is marked by now: the mark moves to
@@ -117,8 +139,9 @@ bool point_linking::leave_unlinked(const claimed_point& point) {
   if (hidden && point.relinked) return false;
   const bool deleted = korvex_is_flag_set_internal(hnsw_, original, flag_deleted) != 0;
   if (!hidden && (links_duplicates_ || deleted)) return false;
-  set_flags(runtime_, id, flag_duplicate);
+  // In this order: were both marked when the process is killed, nobody would stand for them.
   if (!hidden) clear_flags(runtime_, original, flag_duplicate);
+  set_flags(runtime_, id, flag_duplicate);
   if (links_duplicates_) return false;
   std::atomic_ref(hnsw_->duplicates).fetch_add(1);
   return true;

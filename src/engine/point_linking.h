@@ -2,6 +2,7 @@
 #define KORVEX_ENGINE_POINT_LINKING_H
 
 #include <cstdint>
+#include <memory>
 
 #include "engine/points.h"
 #include "engine/runtime.h"
@@ -76,10 +77,13 @@ class point_linking {
 
  private:
   bool leave_unlinked(const claimed_point& point);
+  std::uint32_t entry_of(const claimed_point& point, std::uint32_t seed);
+  std::uint32_t nearest_star(std::uint32_t id);
 
   hnsw_s* const hnsw_;
   korvex_runtime_s& runtime_;
   linker& tools_;
+  std::unique_ptr<float[]> unit_;  // made when a vector is first needed with length 1
   bool links_duplicates_ = false;
   float nearest_key_ = largest_float;
 };

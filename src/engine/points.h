@@ -56,6 +56,11 @@ inline std::uint8_t* flags_of(const korvex_runtime_s& runtime, std::uint32_t id)
   return static_cast<std::uint8_t*>(record_of(runtime, flags_store, id));
 }
 
+// How a magnitude is stored: never as 0 in all bits, which tells that it was not written.
+inline float magnitude_word(float length) {
+  return length == 0.0f ? -0.0f : length;
+}
+
 // Sets or clears bits of a point's flags; the value before. 0 when the record is missing.
 std::uint8_t set_flags(const korvex_runtime_s& runtime, std::uint32_t id, std::uint8_t bits);
 std::uint8_t clear_flags(const korvex_runtime_s& runtime, std::uint32_t id, std::uint8_t bits);

@@ -119,6 +119,9 @@ struct hnsw_fields {
   // Of this process.
   korvex_runtime_s* runtime;
   std::uint8_t thread_slots[32];
+
+  // Kept. Points up to this one were on the device at the last sync or close.
+  std::uint32_t durable;
 };
 
 }  // namespace korvex
@@ -128,5 +131,13 @@ struct hnsw_s : korvex::hnsw_fields {
 };
 static_assert(sizeof(hnsw_s) == 2056 && std::is_trivially_copyable_v<hnsw_s>,
               "the record is a block of the index file");
+
+namespace korvex {
+
+// Forgets everything that names a place in a process: at the close, so that equal indexes are equal
+// bytes, and at the opening, because a process that was killed forgot nothing.
+void clear_process_fields(hnsw_s* hnsw);
+
+}  // namespace korvex
 
 #endif  // KORVEX_ENGINE_RECORD_H

@@ -79,7 +79,7 @@ struct korvex_runtime_s {
   vectpool_c* star_pool = nullptr;
   vector_hash_s* hash[max_probes] = {};
   std::unique_ptr<vectpool_conf_s> store_config;
-  std::string store_prefix[3];  // owned text of the configurations: plain, labels, attributes
+  std::string store_prefix;  // of the configuration
   std::uint64_t memory_budget = 0;
   korvex_nbrs_s* work[2] = {};  // the lists of inline linking
   std::unique_ptr<float[]> hash_scratch;
@@ -117,6 +117,7 @@ struct korvex_runtime_s {
   std::atomic<std::uint32_t> running_threads{0};
   std::atomic<std::uint32_t> stop_adding{0};
   std::atomic<std::uint32_t> multi_done{0};
+  std::atomic<std::uint32_t> list_rewrites{0};  // orders the threads that drop links
 
   // Ready notice: context before callback, callback exchanged to fire once.
   std::atomic<std::uint32_t> ready_threshold{0};

@@ -33,9 +33,6 @@ namespace {
 constexpr std::uint32_t default_units = 1'000'000;
 constexpr std::uint64_t log_ring_bytes = 64'000;
 constexpr std::uint64_t percentage_cache_limit = 52'428'800;
-constexpr int star_kind = 7;
-constexpr int cache_kind = 8;
-constexpr int bloom_kind = 9;
 constexpr unsigned result_element_bytes = 40;
 constexpr int result_first_chunk = 128;
 
@@ -70,12 +67,10 @@ void keep_shape(hnsw_s* hnsw) {
   hnsw->shape_probes = hnsw->pattern_probes;
   hnsw->shape_labels = hnsw->labels_enabled;
   hnsw->shape_attributes = hnsw->attributes_enabled;
-  hnsw->shape_valid = 1;
 }
 
 std::uint64_t graph_record_bytes(const hnsw_s* hnsw) {
-  // Four slots at least: they carry the hand-over until the point is linked.
-  return (std::max<std::uint64_t>(hnsw->neighbour_capacity, 4) + 1) * hnsw->id_bytes;
+  return (graph_slots(hnsw->neighbour_capacity) + 1) * hnsw->id_bytes;
 }
 
 void choose_units(hnsw_s* hnsw, std::uint64_t budget) {
@@ -104,12 +99,6 @@ void select_metric_if_unset(hnsw_s* hnsw) {
                                  : DISTANCE_L2_SQUARE);
 }
 
-struct store_plan {
-  std::uint64_t record_bytes;
-  std::uint64_t units_factor;  // block bytes = this x units
-  unsigned alignment;
-};
-
 class startup {
  public:
   explicit startup(hnsw_s* hnsw) : hnsw_(hnsw), runtime_(*hnsw->runtime) {}
@@ -121,10 +110,11 @@ class startup {
     const std::uint64_t budget = memory_budget(runtime_);
     choose_units(hnsw_, budget);
     freeze();
+    // Says nothing to a later opening before shape_valid does.
+    keep_shape(hnsw_);
     configure_stores(disk_cache_bytes(hnsw_, budget));
     create_stores();
-    release_link_locks(runtime_);
-    cache_search_init(cache_kind, runtime_.store_config.get());
+    cache_search_init(cache_store_kind, runtime_.store_config.get());
     create_lists();
     int32find_init(&runtime_.vmapg, 1024, "vmapg");
     runtime_.vmapg_ready = true;
@@ -136,8 +126,9 @@ class startup {
     print_startup_memory(hnsw_);
     reserve_node_zero();
     korvex_repair(hnsw_);
+    release_link_locks(runtime_);
     count_hidden(hnsw_);
-    keep_shape(hnsw_);
+    hnsw_->shape_valid = 1;
   }
 
  private:
@@ -157,12 +148,11 @@ class startup {
   void configure_stores(std::uint64_t cache_bytes) {
     cache_bytes_ = cache_bytes;
     const std::string name = hnsw_->name != nullptr ? hnsw_->name : "";
-    for (std::uint8_t i = 0; i < std::size(runtime_.store_prefix); ++i)  // of kinds 4, 5 and 6
-      runtime_.store_prefix[i] = store_prefix(name, static_cast<std::uint8_t>(flags_store + 1 + i));
+    runtime_.store_prefix = store_prefix(name, vector_store + 1);
     auto config = std::make_unique<vectpool_conf_s>();
     config->directory = hnsw_->directory;
-    config->prefix = hnsw_->on_disk != 0 ? runtime_.store_prefix[0].c_str() : nullptr;
-    config->extension = "korvex";
+    config->prefix = hnsw_->on_disk != 0 ? runtime_.store_prefix.c_str() : nullptr;
+    config->extension = index_extension;
     config->huge_pages = hnsw_->huge_pages;
     config->numa_node = hnsw_->numa_node;
     config->persistent = hnsw_->on_disk;
@@ -177,29 +167,21 @@ class startup {
   }
 
   void create_stores() {
-    const store_plan plans[store_count] = {
-        {hnsw_->vector_bytes, hnsw_->vector_bytes, 64},
-        {graph_record_bytes(hnsw_), graph_record_bytes(hnsw_), 32},
-        {4, 4, 1},
-        {1, 16, 1},
-        {8, 8, 1},
-        {8, 8, 1}};
     for (std::uint32_t index = 0; index < store_count; ++index) {
-      if (index == label_store && !runtime_.labels) continue;
-      if (index == attribute_store && !runtime_.attributes) continue;
+      const auto kind = static_cast<std::uint8_t>(index + 1);
+      if (!has_store(*hnsw_, kind)) continue;
       vectpool_conf_s config = *runtime_.store_config;
       if (index <= graph_store) {
         config.cache_size = cache_records_;
         config.cache_mode = cache_mode_;
       }
-      if (hnsw_->on_disk != 0 && index >= label_store)
-        config.prefix = runtime_.store_prefix[index - label_store + 1].c_str();
-      const store_plan& plan = plans[index];
+      const store_plan plan = plan_store(*hnsw_, kind);
+      const std::string prefix = store_prefix(hnsw_->name != nullptr ? hnsw_->name : "", kind);
+      if (hnsw_->on_disk != 0) config.prefix = prefix.c_str();
       if (plan.record_bytes > std::numeric_limits<unsigned>::max())
         throw std::length_error("a record of a store is too large");
       runtime_.store[index] = new vectpool_c(static_cast<unsigned>(plan.record_bytes),
-                                             plan.units_factor * hnsw_->allocation_units,
-                                             plan.alignment, static_cast<int>(index + 1), &config);
+                                             plan.block_bytes, plan.alignment, kind, &config);
     }
   }
 
@@ -213,7 +195,7 @@ class startup {
 
   void create_hashes() {
     const std::uint32_t width = std::max<std::uint32_t>(32 / runtime_.probe_count, 4);
-    runtime_.star_pool = vector_hash_pool(star_kind, runtime_.store_config.get());
+    runtime_.star_pool = vector_hash_pool(star_store_kind, runtime_.store_config.get());
     runtime_.hash_scratch.reset(new float[hnsw_->dimension]);
     const vector_hash_distance_fn distance =
         cache_bytes_ != 0 ? korvex_get_hash_distance_cached : korvex_get_hash_distance;
@@ -292,8 +274,8 @@ void korvex_choose_metric(hnsw_s* hnsw) {
 }
 
 void korvex_create_bloom(hnsw_s* hnsw) {
-  scalable_bloom_filters_s* const bloom = sbf_create(hnsw->allocation_units, 0.001, 0.75, 0,
-                                                     hnsw->runtime->store_config.get(), bloom_kind);
+  scalable_bloom_filters_s* const bloom = sbf_create(
+      hnsw->allocation_units, 0.001, 0.75, 0, hnsw->runtime->store_config.get(), bloom_store_kind);
   std::atomic_ref(hnsw->bloom).store(bloom, std::memory_order_release);
 }
 

@@ -15,29 +15,26 @@ constexpr std::uint8_t attribute_kind = 6;
 constexpr const char* label_ending = "-labels";
 constexpr const char* attribute_ending = "-attributes";
 
-struct record_plan {
-  std::uint32_t record_bytes;
-  std::uint64_t bytes_per_unit;  // of a block, for each allocation unit
-};
+}  // namespace
 
-record_plan plan_of(const hnsw_s& record, std::uint8_t kind) {
-  const std::uint32_t vector_bytes = record.dimension * static_cast<std::uint32_t>(sizeof(float));
-  const std::uint32_t graph_bytes = 4 * (graph_slots(record.shape_capacity) + 1);
+store_plan plan_store(const hnsw_s& record, std::uint8_t kind) {
+  const std::uint64_t units = record.shape_units;
+  const std::uint64_t vector_bytes = std::uint64_t{record.dimension} * sizeof(float);
+  const std::uint64_t graph_bytes =
+      (graph_slots(record.shape_capacity) + 1) * sizeof(std::uint32_t);
   switch (kind) {
     case 1:
-      return {vector_bytes, vector_bytes};
+      return {vector_bytes, vector_bytes * units, 64};
     case 2:
-      return {graph_bytes, graph_bytes};
+      return {graph_bytes, graph_bytes * units, 32};
     case 3:
-      return {4, 4};
+      return {4, 4 * units, 1};
     case 4:
-      return {1, 16};
+      return {1, 16 * units, 1};
     default:
-      return {8, 8};
+      return {8, 8 * units, 1};
   }
 }
-
-}  // namespace
 
 bool has_store(const hnsw_s& record, std::uint8_t kind) {
   if (kind == label_kind) return record.shape_labels != 0;
@@ -60,10 +57,10 @@ vector_file_names_s store_files(const hnsw_s& record, const std::string& name, s
     return {store_prefix(name, kind), index_extension, bytes,
             vector_records_per_block(bytes, vector_hash_block_bytes), kind};
   }
-  const record_plan plan = plan_of(record, kind);
-  const std::uint64_t block_bytes = plan.bytes_per_unit * record.shape_units;
-  return {store_prefix(name, kind), index_extension, plan.record_bytes,
-          vector_records_per_block(plan.record_bytes, block_bytes), kind};
+  const store_plan plan = plan_store(record, kind);
+  const auto bytes = static_cast<std::uint32_t>(plan.record_bytes);
+  return {store_prefix(name, kind), index_extension, bytes,
+          vector_records_per_block(bytes, plan.block_bytes), kind};
 }
 
 vector_file_names_s cache_files(const std::string& name) {

@@ -23,7 +23,7 @@ constexpr std::uint64_t hash_block_id(std::uint32_t probe) {
 }
 
 // Slots of a graph record: four at least, they carry the hand-over until the point is linked.
-constexpr std::uint32_t graph_slots(std::uint32_t neighbour_capacity) {
+constexpr std::uint64_t graph_slots(std::uint64_t neighbour_capacity) {
   return neighbour_capacity < 4 ? 4 : neighbour_capacity;
 }
 // What the narrowest star array of an index holds.
@@ -35,7 +35,16 @@ constexpr std::uint32_t star_width(std::uint32_t probes) {
 // share a file: stores of labels and attributes have a prefix of their own, and an index whose name could be taken for
 // such a prefix gets one character more.
 std::string store_prefix(const std::string& name, std::uint8_t kind);
-// The stores by their kind, 1 to 7. Requires shape_valid, a dimension and probes.
+
+// How the stores of points are made; kinds 1 to 6.
+struct store_plan {
+  std::uint64_t record_bytes;
+  std::uint64_t block_bytes;
+  unsigned alignment;  // of blocks in memory
+};
+store_plan plan_store(const hnsw_s& record, std::uint8_t kind);
+
+// The stores by their kind, 1 to 7. Requires the shape, a dimension and probes.
 bool has_store(const hnsw_s& record, std::uint8_t kind);
 vector_file_names_s store_files(const hnsw_s& record, const std::string& name, std::uint8_t kind);
 vector_file_names_s cache_files(const std::string& name);

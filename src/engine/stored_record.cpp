@@ -41,7 +41,8 @@ bool record_matches(const hnsw_s& stored, std::uint32_t dimension, std::uint8_t 
 
 bool points_without_vectors(const hnsw_s& stored, const std::string& directory,
                             const std::string& name) {
-  if (stored.shape_valid == 0 || stored.added == 0) return false;
+  // Before the first sync a power cut may take the file with everything in it.
+  if (stored.shape_valid == 0 || stored.added == 0 || stored.durable == 0) return false;
   const vector_file_names_s names = store_files(stored, name, vector_store + 1);
   return !platform::status_of((directory + "/" + vector_block_file_name(names, 0)).c_str()).exists;
 }

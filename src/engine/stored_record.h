@@ -14,7 +14,7 @@ struct korvex_runtime_s;
 // Whether it is a record of the opener's dimension and instance, with sizes that may be trusted.
 bool record_matches(const hnsw_s& stored, std::uint32_t dimension, std::uint8_t instance_id);
 
-// Whether points were counted but the file is not there that holds the first vectors: the sizes that
+// Whether points were put on the device but the file is not there that holds the first vectors: the sizes that
 // name it are wrong, or somebody took it away. Going on would give up every point. Requires a record
 // that matches.
 bool points_without_vectors(const hnsw_s& stored, const std::string& directory,

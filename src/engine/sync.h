@@ -11,8 +11,18 @@ namespace korvex {
 // its own to sync.
 // Threads   beside everything but the teardown; points that are being added meanwhile may come with
 //           the next sync
-// Failure   -1: null, or the device refused the index file
+// Failure   -1: null, or the device refused
 int korvex_sync_to_disk(hnsw_s* hnsw, unsigned min_interval);
+
+// The stores alone. True when all of them are on the device: the record then says, once it is
+// written, up to which point a crash cannot have harmed them.
+// Threads   as above
+bool korvex_sync_stores(hnsw_s* hnsw, unsigned min_interval);
+
+// Before the first change after an orderly close: from here on the next opening must look for what
+// is missing, and the device knows that before it knows any of the changes. Cheap afterwards.
+// Threads   under the insert lock, or during the start-up
+void korvex_begin_changes(hnsw_s* hnsw);
 
 }  // namespace korvex
 

@@ -7,6 +7,7 @@
 #include "engine/index_files.h"
 #include "engine/runtime.h"
 #include "engine/startup.h"
+#include "engine/sync.h"
 #include "runtime/job_queue.h"
 #include "runtime/log.h"
 #include "runtime/platform/clock.h"
@@ -99,7 +100,8 @@ void korvex_free(hnsw_s* hnsw) {
 
 void korvex_release(korvex_runtime_s* runtime) {
   hnsw_s* const hnsw = runtime->hnsw;
-  if (nothing_left_undone(hnsw)) hnsw->clean_close = 1;
+  // The stores before the record that vouches for them.
+  const bool clean = nothing_left_undone(hnsw) && korvex_sync_stores(hnsw, 0);
   if (runtime->search.release != nullptr) runtime->search.release(hnsw);
   runtime->inline_linker.reset();
   runtime->idle_scratch.clear();
@@ -112,6 +114,8 @@ void korvex_release(korvex_runtime_s* runtime) {
   hnsw->search_queue = nullptr;
   cond_destroy(&runtime->add_cond);
   persistent_malloc_s* const manager = hnsw->memory_manager;
+  if (clean) hnsw->clean_close = 1;
+  clear_process_fields(hnsw);
   persistent_free(manager, hnsw);
   persistent_malloc_destroy(manager);
   // On some systems a mapped file cannot be deleted: last of all.

@@ -41,9 +41,6 @@ class reach_check {
   std::vector<std::uint32_t> waiting_;
 };
 
-// Choosing diverse neighbours may drop the last link to a point; that happens to few.
-constexpr double usual_share = 0.01;
-
 // Probes [first, end) with one graph between them.
 struct probe_group {
   std::uint32_t first, end;
@@ -72,10 +69,8 @@ void check_group(const index_view& index, const probe_group& group,
   }
   statistics->unreachable += lost;
   if (lost == 0) return;
-  const bool usual = static_cast<double>(lost) <= std::max(1.0, usual_share * points);
-  out->add(usual ? verify_severity::note : verify_severity::warning, "reach",
-           "probe %u: no link leads to %u of %u live points, point %u is the first%s", group.first,
-           lost, points, first_lost, usual ? " (the choice of neighbours leaves some behind)" : "");
+  out->warning("reach", "probe %u: no link leads to %u of %u live points, point %u is the first",
+               group.first, lost, points, first_lost);
 }
 
 }  // namespace

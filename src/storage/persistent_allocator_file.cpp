@@ -27,14 +27,9 @@ persistent_header_s* header_of(const mmap_handle_t& file) {
   return static_cast<persistent_header_s*>(file.data);
 }
 
-// Makes the entry of a new file survive a power cut. Not every system can, or needs to.
-void sync_directory_of(const std::string& path) {
+std::string directory_of(const std::string& path) {
   const std::size_t slash = path.find_last_of("/\\");
-  const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  const int fd = platform::open_file(directory.c_str(), platform::open_mode::read_only);
-  if (fd < 0) return;
-  platform::sync_file(fd);
-  platform::close_file(fd);
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
 bool save_used_part(const mmap_handle_t& file, const std::string& saved) {
@@ -45,7 +40,7 @@ bool save_used_part(const mmap_handle_t& file, const std::string& saved) {
   const bool done = platform::write_all(fd, file.data, used) &&
                     platform::write_all(fd, &digest, sizeof digest) && platform::sync_file(fd) == 0;
   platform::close_file(fd);
-  if (done) sync_directory_of(saved);
+  if (done) platform::sync_directory(directory_of(saved).c_str());
   return done;
 }
 

@@ -290,7 +290,7 @@ int vector_sync(vector_manager_s* m, unsigned min_interval) {
   const std::uint32_t count = m->block_count.load(std::memory_order_relaxed);
   for (std::uint32_t i = 0; i < count; ++i) {
     store::header_of(blocks[i]).last_sync = now;
-    sync_persistent_memory(blocks[i].mapping);
+    if (sync_persistent_memory(blocks[i].mapping) != 0) m->syncs_refused.fetch_add(1);
   }
   return 0;
 }

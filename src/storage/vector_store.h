@@ -71,6 +71,7 @@ struct alignas(64) vector_manager_s {
   alignas(64) std::atomic<std::uint32_t> next_id{0};
   std::atomic<std::uint32_t> block_count{0};
   std::atomic<std::uint32_t> last_sync{0};  // seconds
+  std::atomic<std::uint32_t> syncs_refused{0};
 
   // Fixed at creation.
   std::uint32_t lock = 0;
@@ -162,6 +163,10 @@ class vectpool_c {
   void free(unsigned id, unsigned count) { vector_free(manager_, id, count); }
   unsigned size() const { return vector_count(manager_); }
   int sync(unsigned min_interval) { return vector_sync(manager_, min_interval); }
+  // How often the device refused a block.
+  std::uint32_t syncs_refused() const {
+    return manager_->syncs_refused.load(std::memory_order_relaxed);
+  }
 
   unsigned record_size() const { return manager_->record_size; }
   unsigned records_per_block() const { return manager_->records_per_block; }

@@ -98,6 +98,7 @@ TEST(RecordFormat, NoFieldOfTheRecordMoves) {
       {FIELD(probes), 432, 384},
       {FIELD(runtime), 816, 8},
       {FIELD(thread_slots), 824, 32},
+      {FIELD(durable), 856, 4},
   };
   for (const auto& field : fields) {
     EXPECT_EQ(field.at, field.want_at) << field.name;
@@ -193,6 +194,19 @@ TEST_F(IndexFormat, RecordsOfTheStores) {
     ASSERT_GE(bytes.size(), 128 + row.skipped + row.records.size()) << row.name;
     EXPECT_EQ(bytes.substr(128 + row.skipped, row.records.size()), row.records) << row.name;
   }
+}
+
+TEST_F(IndexFormat, NothingOfTheProcessStaysInTheRecord) {
+  const std::string record = block(record_block_id);
+  ASSERT_EQ(record.size(), sizeof(hnsw_s));
+  const struct {
+    std::size_t at, bytes;
+  } rows[] = {{0, 8},   {12, 4},   {72, 16},  {160, 16}, {176, 12},
+              {192, 8}, {208, 64}, {280, 16}, {816, 40}, {860, 1196}};
+  for (const auto& row : rows)
+    EXPECT_EQ(record.substr(row.at, row.bytes), std::string(row.bytes, '\0')) << row.at;
+  EXPECT_EQ(record.substr(296, 4), bytes_of(-1));
+  EXPECT_EQ(record.substr(856, 4), bytes_of(4u)) << "all points are on the device";
 }
 
 TEST_F(IndexFormat, BlocksOfTheVectorHash) {

@@ -60,6 +60,8 @@ int set_file_size(int fd, std::uint64_t size);
 int reserve_file_range(int fd, std::uint64_t offset, std::uint64_t size);
 // Puts everything written so far on the device. 0 or -1.
 int sync_file(int fd);
+// Makes the entries of a directory survive a power cut. Not every system can, or needs to.
+void sync_directory(const char* directory);
 
 // Advisory exclusive lock on a whole open file, without waiting: 0, or -1 when somebody else holds
 // it, be it through another descriptor of this process. A file system without locks counts as

@@ -11,6 +11,7 @@
 
 #include "engine/disk_fixture.h"
 #include "engine/store_layout.h"
+#include "engine/verify.h"
 #include "fuzz/damage.h"
 #include "runtime/disk_probe.h"
 #include "search/direct.h"
@@ -64,7 +65,13 @@ class attempt {
     if (hnsw_ == nullptr) return;
     runtime_ = hnsw_->runtime;
     runtime_add_handle(runtime_);
+    // What a host says each time; a sound index keeps what it was made with.
+    const disk_index_options options = options_of(dimensions);
     korvex_set_threads(hnsw_, 0);
+    korvex_set_partitions(hnsw_, options.probes);
+    korvex_set_neighbors_count(hnsw_, options.constellation);
+    korvex_set_alloc_units(hnsw_, options.units, 0);
+    korvex_enable_label(hnsw_, 1);
   }
   ~attempt() {
     if (hnsw_ == nullptr) return;
@@ -248,6 +255,36 @@ TEST_F(HostileFiles, AnIndexOfAnotherKindIsRefusedAndStaysAsItWas) {
   fuzz::put_images(ours_->files, folder());
   fs::rename(folder(), base_.path() + "/nimbra-korvex/3");
   EXPECT_EQ(attempt(base_.path(), dimension, 3).get(), nullptr);
+}
+
+TEST_F(HostileFiles, WithoutItsIndexFileAnIndexIsPutTogetherFromTheStores) {
+  const struct {
+    const char* what;
+    std::function<void(const std::string&)> damage;
+  } rows[] = {
+      {"removed", [](const std::string& path) { fs::remove(path); }},
+      {"empty", [](const std::string& path) { fs::resize_file(path, 0); }},
+      {"magic", [](const std::string& path) { put(path, 0, "x"); }},
+      {"chains", [](const std::string& path) { put(path, 40, std::string(8192, 0)); }},
+      {"record", [](const std::string& path) { put_number(path, 8232 + 40 + 8, 0); }},
+      {"shape", [](const std::string& path) { put_number(path, 8232 + 40 + 304, 0); }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    fuzz::put_images(ours_->files, folder());
+    row.damage(index_file());
+    {
+      const attempt index(base_.path(), dimension);
+      ASSERT_NE(index.get(), nullptr);
+      EXPECT_EQ(index.found(ours_->data), points);
+      EXPECT_TRUE(index.takes(fresh_[0]));
+    }
+    EXPECT_EQ(korvex_verify_directory(folder(), "small").errors, 0U);
+    const attempt again(base_.path(), dimension);
+    ASSERT_NE(again.get(), nullptr);
+    EXPECT_EQ(again.found(ours_->data), points);
+    EXPECT_TRUE(again.takes(fresh_[1]));
+  }
 }
 
 // Of every store: the line, the bytes kept, and an index that goes on.

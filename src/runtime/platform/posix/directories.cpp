@@ -31,8 +31,18 @@ void for_each_entry(DIR* directory, Visit visit) {
   }
 }
 
+// The directory that an absolute or relative path lies in.
+std::string parent_of(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? "." : std::string(path.substr(0, slash + 1));
+}
+
 bool make_directory(const char* path) {
-  if (::mkdir(path, owner_only) == 0) return true;
+  if (::mkdir(path, owner_only) == 0) {
+    sync_directory(parent_of(path).c_str());
+    return true;
+  }
   const int why = errno;
   if (status_of(path).directory) return true;
   errno = why == EEXIST ? ENOTDIR : why;

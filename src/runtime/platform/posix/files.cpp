@@ -199,6 +199,12 @@ int sync_file(int fd) {
   return 0;
 }
 
+void sync_directory(const char* directory) {
+  const int fd = open_file(directory, open_mode::read_only);
+  if (fd >= 0) sync_file(fd);
+  close_file(fd);
+}
+
 int lock_file(int fd) {
   // Belongs to the open file, not to the process: a second open in the same process is kept out
   // too.
