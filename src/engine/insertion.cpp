@@ -139,7 +139,8 @@ class insertion {
     vector_hash_node_s answer;
     vector_hash_add_point(runtime_.hash[probe_], &node, &answer);
     star_ = answer.placed;
-    entry_ = answer.id != 0 ? answer.id : probe_seed(hnsw_, probe_);
+    const bool found = answer.id != 0 && same_probe(hnsw_, answer.id, id_);
+    entry_ = found ? answer.id : probe_seed(hnsw_, probe_);
     if (entry_ != 0 && entry_ < id_) return true;
     KORVEX_LOG("*** BUG *** bad nid: %u %u line %d\n", entry_, id_, bad_entry_line);
     return false;

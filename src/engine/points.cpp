@@ -139,7 +139,12 @@ bool is_seed(const hnsw_s* hnsw, std::uint32_t id) {
   return false;
 }
 
+bool same_probe(const hnsw_s* hnsw, std::uint32_t a, std::uint32_t b) {
+  return hnsw->norm_probing != 0 || probe_of(hnsw, a) == probe_of(hnsw, b);
+}
+
 std::uint32_t usable_entry(const hnsw_s* hnsw, std::uint32_t entry, std::uint32_t seed) {
+  if (entry != 0 && !same_probe(hnsw, entry, seed)) return seed;
   while (entry != 0 && !is_seed(hnsw, entry)) {
     const graph_record graph = graph_of(*hnsw->runtime, entry);
     if (!graph) return seed;

@@ -88,9 +88,12 @@ std::uint32_t probe_seed(const hnsw_s* hnsw, std::uint32_t probe);
 // The probe of a point under round-robin placing.
 std::uint32_t probe_of(const hnsw_s* hnsw, std::uint32_t id);
 
+// Whether two points belong to one probe, as far as their numbers tell.
+bool same_probe(const hnsw_s* hnsw, std::uint32_t a, std::uint32_t b);
+
 // Where a walk that was sent to `entry` really starts: a point without neighbours that is no seed
 // hands over to the entry it was itself linked from, and so on down to the probe's seed. Stays
-// inside the probe.
+// inside the probe; an entry from elsewhere, which only a damaged file names, counts for nothing.
 std::uint32_t usable_entry(const hnsw_s* hnsw, std::uint32_t entry, std::uint32_t seed);
 
 }  // namespace korvex

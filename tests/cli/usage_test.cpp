@@ -58,7 +58,7 @@ TEST_F(Usage, ErrorsSayWhatWasGivenAndExpectedAndLeaveNothing) {
       {"add index other.fvecs", 3, "vectors of 3 dimensions, expected 4 as in the index"},
       {"add index inf.fvecs", 3, "row 45, column 2"},
       {"add index good.fvecs --labels labels.txt", 2, "built without labels"},
-      {"add new good.fvecs", 3, "no index in new"},
+      {"add new good.fvecs", 3, "new: no such directory"},
       {"search index other.fvecs", 3, "vectors of 3 dimensions, expected 4"},
       {"search index good.fvecs -k 0", 2, "-k"},
       {"search index good.fvecs -o no/where.txt", 4, "no/where.txt: cannot be written"},

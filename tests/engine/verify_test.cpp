@@ -393,8 +393,8 @@ TEST_F(Verify, FindsTheIndexOrSaysWhatThereIs) {
       {base + "/nimbra-korvex/", "", verify_outcome::checked, ""},
       {base, "checked", verify_outcome::checked, ""},
       {base, "other", verify_outcome::not_found, "there is: checked"},
-      {base + "/none", "", verify_outcome::not_found, "no index in"},
-      {path("checked.korvex"), "", verify_outcome::not_found, "no index in"},
+      {base + "/none", "", verify_outcome::not_found, "no such directory"},
+      {path("checked.korvex"), "", verify_outcome::checked, ""},
   };
   for (const auto& row : rows) {
     const verify_report report = korvex_verify_directory(row.directory, row.name);

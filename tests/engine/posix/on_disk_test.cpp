@@ -17,14 +17,14 @@ namespace {
 TEST(FullDisk, AdditionsFailAnswersStayAndRoomLetsItGoOn) {
   const scratch_directory directory;
   const int outcome = in_child([&] {
-    if (!mount_small_disk(directory.path(), 24'000'000)) return child_skipped;
+    if (!mount_small_disk(directory.path(), 110'000'000)) return child_skipped;
     const std::string ballast = directory.path() + "/ballast";
-    std::ofstream(ballast) << std::string(6'000'000, 'b');
+    std::ofstream(ballast) << std::string(30'000'000, 'b');
     disk_index_options options;
-    options.dimension = 256;
+    options.dimension = 2048;
     options.units = 1024;
     options.constellation = 16;
-    const cloud data = make_clusters(30'000, options.dimension, 3);
+    const cloud data = make_clusters(4'000, options.dimension, 3);
     int full = 0;
     int all = 0;
     {
