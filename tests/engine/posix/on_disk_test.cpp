@@ -25,7 +25,7 @@ TEST(FullDisk, AdditionsFailAnswersStayAndRoomLetsItGoOn) {
     options.dimension = 2048;
     options.units = 1024;
     options.constellation = 16;
-    const cloud data = make_clusters(8'000, options.dimension, 3);
+    const cloud data = make_clusters(6'000, options.dimension, 3);
     int full = 0;
     int all = 0;
     {
