@@ -20,8 +20,6 @@ class walk_beam {
     std::uint16_t marks;
   };
   static constexpr std::uint16_t expanded = 1;
-  // by the caller's filter: leads on, but is no answer
-  static constexpr std::uint16_t rejected = 2;
 
   // Empties the beam and makes room for `capacity` entries. False when memory is short.
   bool reset(std::uint32_t capacity) {

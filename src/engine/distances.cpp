@@ -34,6 +34,11 @@ float stored_magnitude(const korvex_runtime_s& runtime, std::uint32_t id) {
   return record == nullptr ? -1.0f : *static_cast<const float*>(record);
 }
 
+// Of a dot product with a unit vector; `magnitude` is that of the other one.
+float dot_on_squared_scale(float dot, float magnitude) {
+  return 2.0f - 2.0f * (std::fabs(magnitude) >= 1e-6f ? dot / magnitude : dot);
+}
+
 // Rings, capture radii and their limits are squared distances of unit vectors; every metric is
 // brought to that scale.
 float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored,
@@ -44,9 +49,8 @@ float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored,
   if (hnsw->distance_type == DISTANCE_L2) distance *= distance;
   if (mode == vector_hash_mode_search && !inner_product) return distance;
   const float magnitude = stored_magnitude(*hnsw->runtime, id);
-  const bool corrected = std::fabs(magnitude) >= 1e-6f;
-  if (inner_product) return 2.0f - 2.0f * (corrected ? distance / magnitude : distance);
-  if (!corrected || std::fabs(1.0f - magnitude) < 1e-6f) return distance;
+  if (inner_product) return dot_on_squared_scale(distance, magnitude);
+  if (std::fabs(magnitude) < 1e-6f || std::fabs(1.0f - magnitude) < 1e-6f) return distance;
   return (distance - 1.0f) / magnitude + (2.0f - magnitude);
 }
 
@@ -122,8 +126,8 @@ class star_scan {
   }
 
   float on_squared_scale(float distance, float magnitude) const {
-    if (!inner_product_) return squares_ ? distance * distance : distance;
-    return 2.0f - 2.0f * (std::fabs(magnitude) >= 1e-6f ? distance / magnitude : distance);
+    if (inner_product_) return dot_on_squared_scale(distance, magnitude);
+    return squares_ ? distance * distance : distance;
   }
 
   static constexpr float rounding_margin = 1e-4f;

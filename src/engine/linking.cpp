@@ -6,6 +6,7 @@
 #include "engine/inbound.h"
 #include "engine/points.h"
 #include "engine/runtime.h"
+#include "engine/scoring.h"
 #include "runtime/log.h"
 
 namespace korvex {
@@ -27,10 +28,8 @@ const float* vector_or_report(const korvex_runtime_s& runtime, std::uint32_t id)
 }
 
 void prefetch_vector(const korvex_runtime_s& runtime, std::uint32_t id) {
-  const char* const vector = reinterpret_cast<const char*>(vector_of(runtime, id));
-  if (vector == nullptr) return;
-  const std::uint32_t bytes = std::min<std::uint32_t>(runtime.vector_bytes, 1024);
-  for (std::uint32_t offset = 0; offset < bytes; offset += 64) __builtin_prefetch(vector + offset);
+  const float* const vector = vector_of(runtime, id);
+  if (vector != nullptr) row_scorer(runtime).prefetch(vector);
 }
 
 // Whether no chosen neighbour is nearer to the candidate than the node is.

@@ -33,8 +33,7 @@ class list_repair {
   bool belongs(std::uint32_t id, std::uint32_t neighbour, std::uint32_t kept) const {
     const auto begin = kept_.begin();
     return neighbour != id && repair_.usable(neighbour) &&
-           (repair_.hnsw->norm_probing != 0 ||
-            probe_of(repair_.hnsw, id) == probe_of(repair_.hnsw, neighbour)) &&
+           same_probe(repair_.hnsw, id, neighbour) &&
            std::find(begin, begin + kept, neighbour) == begin + kept;
   }
 
@@ -69,11 +68,7 @@ std::uint32_t handed_over_entry(const repair_s& repair, std::uint32_t id) {
   const graph_record graph = graph_of(repair.runtime, id);
   if (graph.slot(0) != 0) return 0;
   const std::uint32_t entry = graph.slot(1);
-  return entry < id && repair.usable(entry) &&
-                 (repair.hnsw->norm_probing != 0 ||
-                  probe_of(repair.hnsw, id) == probe_of(repair.hnsw, entry))
-             ? entry
-             : 0;
+  return entry < id && repair.usable(entry) && same_probe(repair.hnsw, id, entry) ? entry : 0;
 }
 
 }  // namespace

@@ -194,7 +194,7 @@ class startup {
   }
 
   void create_hashes() {
-    const std::uint32_t width = std::max<std::uint32_t>(32 / runtime_.probe_count, 4);
+    const std::uint32_t width = star_width(runtime_.probe_count);
     runtime_.star_pool = vector_hash_pool(star_store_kind, runtime_.store_config.get());
     runtime_.hash_scratch.reset(new float[hnsw_->dimension]);
     const vector_hash_distance_fn distance =

@@ -110,8 +110,7 @@ class graph_walk {
       session_.duplicate_was_hidden =
           (set_flags(runtime_, entry_id, flag_duplicate) & flag_duplicate) != 0;
     }
-    const bool rejected = session_.pass_rejected && rejects(entry_id);
-    return beam_.insert(best_, entry_id, 0, rejected ? walk_beam::rejected : std::uint16_t{0});
+    return beam_.insert(best_, entry_id, 0);
   }
 
   void mark_beam_visited() {
@@ -235,11 +234,9 @@ class graph_walk {
   // Takes a candidate into the beam unless it cannot matter. False ends the walk.
   bool offer(std::uint32_t id, float key) {
     if (radius_active_ && key < session_.radius) return true;
-    if (session_.pass_rejected && key > bound_ && beam_.size() >= beam_size_) return true;
-    const std::uint16_t marks = rejects(id) ? walk_beam::rejected : std::uint16_t{0};
-    if (marks != 0 && !session_.pass_rejected) return true;
+    if (rejects(id)) return true;
     if (key > bound_ && beam_.size() >= beam_size_) return true;
-    if (!beam_.insert(key, id, hops_, marks)) {
+    if (!beam_.insert(key, id, hops_)) {
       KORVEX_LOG_CRITICAL("failed adding to list: id %u nid %u lid %u i %d\n", id, node_.id,
                           beam_.back().id, static_cast<int>(beam_.size()));
       return false;

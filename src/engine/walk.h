@@ -39,8 +39,6 @@ struct korvex_session_s {
   void* filter_context;
   walk_filter filter;
   bool radius_set;
-  // excluded points lead the walk on and stay in the beam, marked; otherwise they are dead ends
-  bool pass_rejected;
 };
 
 // The one graph walk: a best-first beam search from `entry_id`, or from the candidates that `nbrs`

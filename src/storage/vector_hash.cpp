@@ -71,27 +71,18 @@ star_slots fetch_array(vectpool_c* pool, std::uint32_t lid, std::uint32_t width)
   return {static_cast<vector_hash_star_s*>(pool->get(lid)), std::min(width, there)};
 }
 
-scan_result scan_stars(const vector_hash_s* vh, const star_slots& slots, vector_hash_node_s* node,
-                       vector_hash_mode mode) {
-  scan_result found;
-  for (; found.used < slots.count; ++found.used) {
-    vector_hash_star_s& star = slots.first[found.used];
-    const std::uint32_t id = load(star.id, std::memory_order_acquire);
-    if (id == 0) break;
-    const float d = vh->distance(vh->ctx, id, node, mode);
-    if (!(d < found.distance)) continue;
-    found.nearest = &star;
-    found.nearest_id = id;
-    found.distance = d;
-  }
-  return found;
-}
-
 constexpr std::uint32_t scan_chunk = 128;
 
-// As scan_stars in search mode, a chunk of the array at a time.
-scan_result scan_chunks(const vector_hash_s* vh, const star_slots& slots,
-                        vector_hash_node_s* node) {
+void star_distances(const vector_hash_s* vh, const std::uint32_t* ids, std::uint32_t count,
+                    vector_hash_node_s* node, vector_hash_mode mode, float* out) {
+  if (mode == vector_hash_mode_search && vh->scan != nullptr)
+    return vh->scan(vh->ctx, ids, count, node, out);
+  for (std::uint32_t i = 0; i < count; ++i) out[i] = vh->distance(vh->ctx, ids[i], node, mode);
+}
+
+// A chunk of the array at a time; the earliest of equally near stars counts.
+scan_result scan_stars(const vector_hash_s* vh, const star_slots& slots, vector_hash_node_s* node,
+                       vector_hash_mode mode) {
   scan_result found;
   std::uint32_t ids[scan_chunk];
   float distances[scan_chunk];
@@ -102,7 +93,7 @@ scan_result scan_chunks(const vector_hash_s* vh, const star_slots& slots,
       ids[count] = load(slots.first[found.used + count].id, std::memory_order_acquire);
       if (ids[count] == 0) break;
     }
-    vh->scan(vh->ctx, ids, count, node, distances);
+    star_distances(vh, ids, count, node, mode, distances);
     for (std::uint32_t i = 0; i < count; ++i) {
       if (!(distances[i] < found.distance)) continue;
       found.nearest = &slots.first[found.used + i];
@@ -232,9 +223,7 @@ void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring,
       KORVEX_LOG("*** BUG *** null l for ep->lid %u\n", lid);
       return;
     }
-    const scan_result found = vh->scan != nullptr
-                                  ? scan_chunks(vh, slots, query)
-                                  : scan_stars(vh, slots, query, vector_hash_mode_search);
+    const scan_result found = scan_stars(vh, slots, query, vector_hash_mode_search);
     if (found.nearest == nullptr) return;
     if (found.distance < answer->best) {
       answer->best = found.distance;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -129,6 +130,23 @@ class Crash : public testing::Test {
         ADD_FAILURE() << finding.check << ": " << finding.text;
   }
 
+  // Kills the program, lets the damage happen and looks whether the index comes back, many times.
+  void at_random_moments(const char* what, bool with_device, const std::function<void()>& damage) {
+    std::map<phase, int> moments;
+    const unsigned wanted = from_environment("KORVEX_CRASH_MOMENTS", 5);
+    for (unsigned moment = 0; moment < wanted && !HasFailure(); ++moment) {
+      SCOPED_TRACE("KORVEX_CRASH_SEED=" + std::to_string(seed_) + ", moment " +
+                   std::to_string(moment));
+      start_over_when_full();
+      const phase at = run_and_kill(with_device);
+      ++moments[at];
+      SCOPED_TRACE(name_of(at));
+      damage();
+      check(with_device);
+    }
+    print_summary(what, moments);
+  }
+
   void print_summary(const char* what, const std::map<phase, int>& moments) const {
     std::string text;
     for (const auto& [at, count] : moments)
@@ -145,39 +163,18 @@ class Crash : public testing::Test {
 };
 
 TEST_F(Crash, KilledAtAnyMomentItComesBackWhole) {
-  std::map<phase, int> moments;
-  const unsigned wanted = from_environment("KORVEX_CRASH_MOMENTS", 5);
-  for (unsigned moment = 0; moment < wanted && !HasFailure(); ++moment) {
-    SCOPED_TRACE("KORVEX_CRASH_SEED=" + std::to_string(seed_) + ", moment " +
-                 std::to_string(moment));
-    start_over_when_full();
-    const phase at = run_and_kill(false);
-    ++moments[at];
-    SCOPED_TRACE(name_of(at));
-    check(false);
-  }
-  print_summary("killed", moments);
+  at_random_moments("killed", false, [] {});
 }
 
 TEST_F(Crash, PowerCutLeavesWhatWasSynced) {
-  std::map<phase, int> moments;
-  const unsigned wanted = from_environment("KORVEX_CRASH_MOMENTS", 5);
-  for (unsigned moment = 0; moment < wanted && !HasFailure(); ++moment) {
-    SCOPED_TRACE("KORVEX_CRASH_SEED=" + std::to_string(seed_) + ", moment " +
-                 std::to_string(moment));
-    start_over_when_full();
-    const phase at = run_and_kill(true);
-    ++moments[at];
-    SCOPED_TRACE(name_of(at));
+  at_random_moments("cut off", true, [this] {
     constexpr double lucks[] = {0.0, 0.1, 0.5, 0.9};
     if (fs::exists(folder()) && fs::exists(device()))
       cut_power(folder(), device(), lucks[random_() % 4], &random_);
     // Promised is what a sync had returned for; the rest may be added again.
     for (std::uint32_t row = 0; row < most_rows; ++row)
       if ((*report_)->synced[row].load() == 0) (*report_)->id[row].store(0);
-    check(true);
-  }
-  print_summary("cut off", moments);
+  });
 }
 
 }  // namespace
