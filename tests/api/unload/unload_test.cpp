@@ -103,7 +103,8 @@ TEST(UnloadDeathTest, ProcessExitWritesWhatIsQueuedAndEnds) {
                               ("korvex-unload-" + std::to_string(std::random_device{}())))
                                  .string();
     std::ofstream(file) << "in the way";
-    const auto* lib = new library;
+    static const library* lib = nullptr;  // stays loaded to the end
+    lib = new library;
     const auto on_disk =
         lib->function<Korvex* (*)(int, const char*, const char*)>("KorvexOnDiskInstance");
     for (int i = 0; i < lines; ++i) on_disk(4, (file + "/" + std::to_string(i)).c_str(), "a");
