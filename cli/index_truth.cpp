@@ -15,7 +15,7 @@ namespace korvex::cli {
 
 namespace {
 
-constexpr std::size_t block_floats = 1u << 22;
+constexpr std::size_t scan_floats = 1u << 22;
 // The kernels of walk and brute force add up in different orders.
 constexpr float rounding = 1e-5f;
 
@@ -23,7 +23,7 @@ constexpr float rounding = 1e-5f;
 class shown_vectors {
  public:
   explicit shown_vectors(const disk_index& index)
-      : index_(index), rows_(std::max<std::size_t>(block_floats / index.dimension(), 1)) {}
+      : index_(index), rows_(std::max<std::size_t>(scan_floats / index.dimension(), 1)) {}
 
   std::size_t next() {
     values_.clear();

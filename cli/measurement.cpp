@@ -9,8 +9,8 @@
 
 #include "cli/console.h"
 #include "cli/errors.h"
-#include "engine/configuration.h"
 #include "engine/runtime.h"
+#include "korvex/engine.h"
 #include "runtime/platform/clock.h"
 #include "runtime/platform/process.h"
 
@@ -42,7 +42,7 @@ void configure(Korvex& index, const index_options& options) {
   index.setPatternProbes(options.probes);
   index.setThreads(options.index_threads);
   index.setQueryThreads(options.search_threads, 2 * options.search_threads);
-  korvex_set_result_cache(index.get_base(0), options.result_cache);
+  ::korvex_set_result_cache(index.get_base(0), options.result_cache);
 }
 
 void add_rows(Korvex& index, const matrix& base) {

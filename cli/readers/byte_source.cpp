@@ -30,10 +30,6 @@ std::uint64_t regular_file_bytes(const std::string& path) {
   return bytes;
 }
 
-struct file_closer {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
 }  // namespace
 
 // Bytes of a file, of standard input or of memory, through a buffer.
@@ -90,6 +86,10 @@ class byte_source::raw_input {
   }
 
  private:
+  struct file_closer {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+
   void finish() {
     if (std::ferror(stream_) != 0) throw file_error(path_, std::generic_category().message(errno));
     stream_ = nullptr;

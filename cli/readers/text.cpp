@@ -11,7 +11,7 @@ namespace korvex::cli {
 
 namespace {
 
-constexpr std::size_t buffer_bytes = 1u << 16;
+constexpr std::size_t text_bytes = 1u << 16;
 // Room for the longest row that an index takes; what is longer is no text.
 constexpr std::size_t longest_line = std::size_t{32} << 20;
 constexpr std::string_view separators = " \t,;\r";
@@ -59,7 +59,7 @@ class text_file final : public vector_file {
       const auto begin = buffer_.begin() + static_cast<std::ptrdiff_t>(next_);
       const auto stop = buffer_.begin() + static_cast<std::ptrdiff_t>(filled_);
       const auto end = std::find(begin, stop, '\n');
-      if (line_.size() + buffer_bytes > longest_line) fail("longer than any row of numbers");
+      if (line_.size() + text_bytes > longest_line) fail("longer than any row of numbers");
       line_.append(begin, end);
       next_ = static_cast<std::size_t>(end - buffer_.begin()) + (end == stop ? 0 : 1);
       if (end != stop) return true;
@@ -67,7 +67,7 @@ class text_file final : public vector_file {
   }
 
   bool refill() {
-    buffer_.resize(buffer_bytes);
+    buffer_.resize(text_bytes);
     next_ = 0;
     filled_ = source_->read(buffer_.data(), buffer_.size());
     return filled_ != 0;

@@ -10,14 +10,13 @@ namespace korvex::cli {
 namespace {
 
 using nlohmann::json;
+using testing_support::base_rows;
+using testing_support::dimension;
 using testing_support::front_of;
 using testing_support::fvecs;
+using testing_support::query_rows;
 using testing_support::random_matrix;
 using testing_support::ToolTest;
-
-constexpr std::size_t dimension = 8;
-constexpr std::size_t base_rows = 600;
-constexpr std::size_t query_rows = 20;
 
 double dot(const float* a, const float* b) {
   return std::inner_product(a, a + dimension, b, 0.0);

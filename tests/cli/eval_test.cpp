@@ -14,16 +14,15 @@ namespace korvex::cli {
 namespace {
 
 using nlohmann::json;
+using testing_support::base_rows;
 using testing_support::bytes_of;
+using testing_support::dimension;
 using testing_support::fvecs;
+using testing_support::query_rows;
 using testing_support::random_matrix;
 using testing_support::ToolTest;
 
-constexpr std::size_t dimension = 9;
-constexpr std::size_t base_rows = 500;
-constexpr std::size_t query_rows = 40;
-
-double nearness(korvex_distance_type metric, const float* a, const float* b) {
+double distance_key(korvex_distance_type metric, const float* a, const float* b) {
   double sum = 0;
   for (std::size_t i = 0; i < dimension; ++i)
     sum += metric == DISTANCE_INNER_PRODUCT ? -double{a[i]} * b[i]
@@ -37,7 +36,7 @@ std::vector<std::uint32_t> in_order(korvex_distance_type metric, const matrix& b
   std::vector<std::uint32_t> rows(base.rows);
   std::iota(rows.begin(), rows.end(), 0u);
   std::sort(rows.begin(), rows.end(), [&](std::uint32_t a, std::uint32_t b) {
-    return nearness(metric, base.row(a), query) < nearness(metric, base.row(b), query);
+    return distance_key(metric, base.row(a), query) < distance_key(metric, base.row(b), query);
   });
   return rows;
 }
@@ -83,7 +82,7 @@ TEST_F(Eval, JsonAloneOnStandardOutputAndTheLogInItsFile) {
     const float* const query = queries_.row(sample["query_row"]);
     ASSERT_EQ(sample["neighbours"].size(), 10u);
     for (const json& near : sample["neighbours"])
-      EXPECT_NEAR(near["distance"], nearness(DISTANCE_L2_SQUARE, base_.row(near["row"]), query),
+      EXPECT_NEAR(near["distance"], distance_key(DISTANCE_L2_SQUARE, base_.row(near["row"]), query),
                   0.1);
   }
 }
@@ -159,11 +158,11 @@ TEST_F(Eval, ExitCodesTellWhatWentWrong) {
       {data() + "--metric cosine", 2, "--metric"},
       {data() + "--probes 17", 2, "--probes"},
       {data() + "--radii 10,0", 2, "--radii"},
-      {data() + "-k 501", 2, "expected at most 500"},
+      {data() + "-k 601", 2, "expected at most 600"},
       {with("missing.fvecs", "queries.fvecs.gz"), 3, "missing.fvecs: there is no such file"},
       {with("short.fvecs", "queries.fvecs.gz"), 3, "short.fvecs: no row: found 3 bytes"},
       {with("nan.fvecs", "queries.fvecs.gz"), 3, "nan.fvecs: row 3, column 1 holds nan"},
-      {with("base.fvecs", "other.bvecs"), 3, "vectors of 2 dimensions, expected 9"},
+      {with("base.fvecs", "other.bvecs"), 3, "vectors of 2 dimensions, expected 8"},
       {data() + "--truth " + path("base.fvecs"), 3, "expected ids (an ivecs file)"},
       {data() + "--log " + path("no/such/folder"), 4, "no/such/folder: cannot be written"},
       {data() + "--json-file " + path("no/such/folder"), 4, "no/such/folder: cannot be written"}};
@@ -177,7 +176,7 @@ TEST_F(Eval, ExitCodesTellWhatWentWrong) {
 
 TEST_F(Eval, BruteForceFindsTheNearestInEveryMetricAndCountsTies) {
   start_console({host_system::null_device});  // a file here would stay open
-  // Rows 0 and 499 are the same: either is right where one of them is.
+  // The first row and the last are the same: either is right where one of them is.
   std::copy_n(base_.row(0), dimension, base_.values.end() - dimension);
   for (const auto metric : {DISTANCE_L2_SQUARE, DISTANCE_L2, DISTANCE_INNER_PRODUCT}) {
     for (const std::size_t k : {std::size_t{1}, std::size_t{10}, base_rows}) {
@@ -193,8 +192,8 @@ TEST_F(Eval, BruteForceFindsTheNearestInEveryMetricAndCountsTies) {
     }
   }
   const ground_truth truth = ground_truth::compute(base_, base_, DISTANCE_L2_SQUARE, 1, 1);
-  for (const std::uint32_t twin : {0u, 499u})
-    EXPECT_TRUE(truth.is_near(0, twin) && truth.is_near(499, twin));
+  for (const std::uint32_t twin : {0u, static_cast<std::uint32_t>(base_rows - 1)})
+    EXPECT_TRUE(truth.is_near(0, twin) && truth.is_near(base_rows - 1, twin));
   EXPECT_FALSE(truth.is_near(0, base_rows));
 }
 

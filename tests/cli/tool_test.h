@@ -52,10 +52,15 @@ class ToolTest : public ScratchDirectory {
   }
 };
 
-inline matrix random_matrix(std::size_t rows, std::size_t dimension, unsigned seed) {
+// Of the vectors that most tests feed.
+inline constexpr std::size_t dimension = 8;
+inline constexpr std::size_t base_rows = 600;
+inline constexpr std::size_t query_rows = 20;
+
+inline matrix random_matrix(std::size_t rows, std::size_t columns, unsigned seed) {
   std::mt19937 random(seed);
   std::uniform_real_distribution<float> component(-50, 50);
-  matrix result{dimension, rows, std::vector<float>(rows * dimension)};
+  matrix result{columns, rows, std::vector<float>(rows * columns)};
   for (float& value : result.values) value = component(random);
   return result;
 }

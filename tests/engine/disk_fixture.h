@@ -32,6 +32,11 @@ class scratch_directory {
   std::filesystem::path path_;
 };
 
+// The files of the indexes under a base.
+inline std::string folder_of(const std::string& base) {
+  return base + "/nimbra-korvex/0";
+}
+
 struct disk_index_options {
   int dimension = 8;
   int probes = 1;

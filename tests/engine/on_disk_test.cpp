@@ -26,10 +26,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string folder_of(const std::string& base) {
-  return base + "/nimbra-korvex/0";
-}
-
 std::uint64_t allocated(const std::string& directory) {
   std::uint64_t bytes = 0;
   for (const fs::directory_entry& file : fs::directory_iterator(directory))

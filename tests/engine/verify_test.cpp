@@ -27,14 +27,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int dimension = 8;
-constexpr std::uint32_t points = 300;
-constexpr std::uint32_t capacity = 16;
-constexpr std::uint64_t header = sizeof(vector_block_header_s);
-
 // One index for all tests, made once: each test damages it and puts it back.
 class Verify : public testing::Test {
  protected:
+  static constexpr int dimension = 8;
+  static constexpr std::uint32_t points = 300;
+  static constexpr std::uint32_t capacity = 16;
+  static constexpr std::uint64_t header = sizeof(vector_block_header_s);
+
   static void SetUpTestSuite() {
     directory_ = new scratch_directory;
     disk_index_options options;

@@ -17,13 +17,13 @@ class SortedList : public StorageFixture {};
 constexpr float infinity = std::numeric_limits<float>::infinity();
 
 // What the working lists of the graph put into a list.
-struct [[gnu::packed, gnu::aligned(4)]] element_s {
+struct [[gnu::packed, gnu::aligned(4)]] entry_s {
   std::uint32_t id;
   float distance;
   std::uint16_t hops, spare;
   linklist_link_s link;
 };
-static_assert(sizeof(element_s) == 44 && offsetof(element_s, link) == 12);
+static_assert(sizeof(entry_s) == 44 && offsetof(entry_s, link) == 12);
 
 // The plain truth: a vector, and "before the first key that is not smaller".
 struct model_s {
@@ -92,7 +92,7 @@ void run_against_model(key_kind kind, unsigned calm, int steps, std::uint32_t se
   SCOPED_TRACE(testing::Message() << "kind " << static_cast<int>(kind) << " calm " << calm
                                   << " seed " << seed);
   std::mt19937 random(seed);
-  blockpool_s* pool = blockpool_create(sizeof(element_s), 16);
+  blockpool_s* pool = blockpool_create(sizeof(entry_s), 16);
   sortedlist_c list(0, nullptr, nullptr);
   model_s model;
   for (int step = 0; step < steps; step++) {
@@ -112,7 +112,7 @@ void run_against_model(key_kind kind, unsigned calm, int steps, std::uint32_t se
       ASSERT_EQ(list.peek_back(), model.items.empty() ? nullptr : model.items.back().second);
       ASSERT_EQ(list.back(), model.back());
     } else {
-      auto* element = static_cast<element_s*>(blockpool_alloc(pool));
+      auto* element = static_cast<entry_s*>(blockpool_alloc(pool));
       element->link.data = element;
       element->link.tag = 99;
       const float key = make_key(kind, random, step);

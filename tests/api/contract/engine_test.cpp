@@ -10,7 +10,6 @@ namespace {
 
 using record = hnsw_s*;
 const record no_record = nullptr;
-const float* const no_vector = nullptr;
 
 template <class Result, class... Args>
 auto c_function(const char* name) {

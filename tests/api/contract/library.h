@@ -12,6 +12,7 @@
 
 inline constexpr u32 failed = 0xFFFFFFFF;
 inline constexpr int dimension = 8;
+inline constexpr const float* no_vector = nullptr;
 inline constexpr float farthest = std::numeric_limits<float>::max();
 
 // The library, loaded by its path once.

@@ -22,7 +22,6 @@ void expect_refused(const std::vector<refusal>& table) {
 
 const std::vector<float> nan(dimension, std::numeric_limits<float>::quiet_NaN());
 const std::vector<float> infinite(dimension, std::numeric_limits<float>::infinity());
-const float* const no_vector = nullptr;
 
 TEST(ContractRefusals, OfTheIndex) {
   const auto rows = random_vectors(100, 10);

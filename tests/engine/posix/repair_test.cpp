@@ -28,10 +28,6 @@ constexpr std::uint32_t points = 200;
 constexpr int dimension = 8;
 constexpr int probes = 2;
 
-std::string folder_of(const std::string& base) {
-  return base + "/nimbra-korvex/0";
-}
-
 disk_index_options shape() {
   disk_index_options options;
   options.probes = probes;
