@@ -415,7 +415,7 @@ TEST_F(Verify, FindsTheIndexOrSaysWhatThereIs) {
 
 TEST(VerifyInUse, AnOpenIndexIsLeftAloneUnlessForced) {
   const scratch_directory directory;
-  const cloud data = make_clusters(50, dimension, 3);
+  const cloud data = make_clusters(50, 8, 3);
   disk_index index(directory.path(), "open", {});
   for (int i = 0; i < data.size(); ++i) korvex_add(index, data[i], 0);
   const verify_report refused = korvex_verify_directory(directory.path(), "open");
