@@ -9,7 +9,7 @@
 
 #include "fuzz/damage.h"
 
-// One body for each format on disk. A fuzzer calls it with new bytes again and again, a test with
+// One body for each format on disk, and one for those of the tool. A fuzzer calls it with new bytes again and again, a test with
 // those of the corpus. It returns when the library took or refused the files as it should; the
 // process ends when it did not.
 namespace korvex::fuzz {
@@ -22,15 +22,19 @@ void hash_table(const std::uint8_t* data, std::size_t size);    // items of a ta
 void result_cache(const std::uint8_t* data, std::size_t size);  // its entries
 void disk_probe(const std::uint8_t* data, std::size_t size);    // the kept figures
 void directory(const std::uint8_t* data, std::size_t size);     // a whole index, all of its files
+void vector_file(const std::uint8_t* data, std::size_t size);   // what the tool reads
 
 struct target {
   const char* name;
   void (*body)(const std::uint8_t* data, std::size_t size);
 };
-inline constexpr target targets[] = {{"index_file", index_file}, {"record", record},
-                                     {"block_file", block_file}, {"bloom_filter", bloom_filter},
-                                     {"hash_table", hash_table}, {"result_cache", result_cache},
-                                     {"disk_probe", disk_probe}, {"directory", directory}};
+inline constexpr target targets[] = {
+#ifdef KORVEX_FUZZ_HDF5  // the tool is built
+    {"vector_file", vector_file},
+#endif
+    {"index_file", index_file},     {"record", record},         {"block_file", block_file},
+    {"bloom_filter", bloom_filter}, {"hash_table", hash_table}, {"result_cache", result_cache},
+    {"disk_probe", disk_probe},     {"directory", directory}};
 
 // A directory in memory where the system has such a place, gone when the process exits.
 class workshop {
