@@ -20,6 +20,7 @@ class record_repair {
   }
 
   void run() {
+    complete_blocks();
     equalise_stores();
     repair_.lost.assign(repair_.size, false);
     for (std::uint32_t id = 1; id < repair_.size; ++id) {
@@ -32,6 +33,13 @@ class record_repair {
   }
 
  private:
+  // First of all: nothing may be written where the disk has no room for it.
+  void complete_blocks() {
+    for (vectpool_c* store : runtime_.store)
+      if (store != nullptr && !store->complete_blocks())
+        throw std::runtime_error("no room to repair the records of a store");
+  }
+
   void equalise_stores() {
     for (const vectpool_c* store : runtime_.store)
       if (store != nullptr) repair_.size = std::max<std::uint32_t>(repair_.size, store->size());

@@ -127,8 +127,8 @@ void* add_in_new_block(vector_manager_s& m, unsigned* id_out, std::uint32_t coun
 
   // Slots that are too few for this request are kept for smaller ones. They need room on disk too.
   const std::uint32_t rest = m.next_id.load(std::memory_order_relaxed);
-  const bool keep_rest =
-      rest < first && m.reuse_enabled != 0 && store::reserve_slots(m, m.records_per_block);
+  const bool keep_rest = rest < first && m.reuse_enabled != 0 &&
+                         store::reserve_slots(m, index - 1, m.records_per_block);
 
   const vector_block_s block =
       m.persistent != 0 ? store::make_file_block(m, index, count) : make_memory_block(m);
@@ -187,7 +187,8 @@ void* add_fresh(vector_manager_s& m, unsigned* id_out, std::uint32_t count) {
   const bool fits = next >> m.id_shift < m.block_count.load(std::memory_order_relaxed) &&
                     end <= m.records_per_block;
   if (!fits) return add_in_new_block(m, id_out, count);
-  if (std::uint64_t{next} + count >= vector_no_id || !reserve_slots(m, end)) return nullptr;
+  if (std::uint64_t{next} + count >= vector_no_id || !reserve_slots(m, next >> m.id_shift, end))
+    return nullptr;
   return take_slots(m, next, id_out, count);
 }
 
@@ -276,6 +277,21 @@ void* vector_get_cached(vector_manager_s* m, unsigned id, int add) {
 void vector_cache(vector_manager_s* m, unsigned id, void* addr) {
   if (m->data_cache == nullptr) return;
   data_cache_add(m->data_cache, id, addr != nullptr ? addr : vector_get(m, id));
+}
+
+bool vector_complete_blocks(vector_manager_s* m) {
+  if (m == nullptr) return true;
+  const std::lock_guard guard(m->mutex);
+  const vector_block_s* blocks = m->blocks.load(std::memory_order_relaxed);
+  const std::uint32_t count = m->block_count.load(std::memory_order_relaxed);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    vector_block_header_s& header = store::header_of(blocks[i]);
+    const std::uint32_t used = i + 1 < count ? m->records_per_block : header.records_used;
+    if (!store::reserve_slots(*m, i, used)) return false;
+    // A count that is right stays unwritten: the pages of a sound file stay clean.
+    if (header.records_used != used) header.records_used = used;
+  }
+  return true;
 }
 
 int vector_sync(vector_manager_s* m, unsigned min_interval) {

@@ -141,6 +141,12 @@ inline unsigned vector_count(const vector_manager_s* m) {
   return m->next_id.load(std::memory_order_acquire);
 }
 
+// For a store whose records are taken one by one, so that all blocks but the last are full: makes the
+// counts of those blocks say so, which a crash may have left older than the blocks behind them, and makes
+// room on disk for every record that was handed out. Nobody else uses the store.
+// False, after a line, when the disk is full.
+bool vector_complete_blocks(vector_manager_s* m);
+
 // Flushes a persistent store to its files unless fewer than min_interval seconds passed since the
 // last time. 0.
 int vector_sync(vector_manager_s* m, unsigned min_interval);
@@ -162,6 +168,7 @@ class vectpool_c {
   void cache(unsigned id, void* addr) { vector_cache(manager_, id, addr); }
   void free(unsigned id, unsigned count) { vector_free(manager_, id, count); }
   unsigned size() const { return vector_count(manager_); }
+  bool complete_blocks() { return vector_complete_blocks(manager_); }
   int sync(unsigned min_interval) { return vector_sync(manager_, min_interval); }
   // How often the device refused a block.
   std::uint32_t syncs_refused() const {

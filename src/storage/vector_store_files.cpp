@@ -162,13 +162,12 @@ vector_block_s make_file_block(vector_manager_s& m, std::uint32_t index, std::ui
   return block;
 }
 
-bool reserve_slots(vector_manager_s& m, std::uint64_t end) {
+bool reserve_slots(vector_manager_s& m, std::uint32_t index, std::uint64_t end) {
   if (m.persistent == 0) return true;
-  const std::uint32_t last = m.block_count.load(std::memory_order_relaxed) - 1;
-  const vector_block_s& block = m.blocks.load(std::memory_order_relaxed)[last];
+  const vector_block_s& block = m.blocks.load(std::memory_order_relaxed)[index];
   if (mapping_reserve(block.mapping, bytes_to_slot(m, end)) == 0) return true;
   const int error = errno;
-  log_reserve_failure(block_path(m, last), error);
+  log_reserve_failure(block_path(m, index), error);
   return false;
 }
 

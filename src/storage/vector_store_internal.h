@@ -39,8 +39,8 @@ void free_records(vector_manager_s& m, std::uint32_t id, std::uint32_t count);
 bool name_files(vector_manager_s& m, const vectpool_conf_s& conf);
 // A fresh file with a written header and room for the first `count` records; data null on failure.
 vector_block_s make_file_block(vector_manager_s& m, std::uint32_t index, std::uint32_t count);
-// Makes room on disk for the last block's slots below `end`. False, after a line, on a full disk.
-bool reserve_slots(vector_manager_s& m, std::uint64_t end);
+// Makes room on disk for a block's slots below `end`. False, after a line, on a full disk.
+bool reserve_slots(vector_manager_s& m, std::uint32_t index, std::uint64_t end);
 // False when a block could not be read that may be sound.
 bool restore_blocks(vector_manager_s& m);
 

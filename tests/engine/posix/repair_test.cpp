@@ -12,6 +12,7 @@
 
 #include "engine/disk_fixture.h"
 #include "engine/points.h"
+#include "engine/startup.h"
 #include "engine/store_layout.h"
 #include "engine/sync.h"
 #include "engine/verify.h"
@@ -289,6 +290,31 @@ TEST_F(Repair, SeedsAndStarsAreMended) {
     EXPECT_TRUE(seen.lost.empty() && seen.hidden.empty());
     EXPECT_EQ(seen.relinked, 0U);
   }
+}
+
+// A power cut may bring a block back with an older header than the blocks behind it.
+TEST_F(Repair, BlocksThatOthersFollowAreFull) {
+  kill_after([](hnsw_s* index) {
+    for (const store_index store : {graph_store, flags_store, label_store}) {
+      const vector_block_s& first = index->runtime->store[store]->manager()->blocks.load()[0];
+      auto* const header = reinterpret_cast<vector_block_header_s*>(first.data);
+      ASSERT_GT(header->records_used, 30U);
+      header->records_used -= 30;
+    }
+  });
+  {
+    const disk_index full(killed_.path(), "killed", shape());
+    const log_capture log;
+    platform::current_fault_hook = [](platform::fault_point point) {
+      return point == platform::fault_point::reserve;
+    };
+    EXPECT_FALSE(korvex_try_init_memory(full));
+    platform::current_fault_hook = nullptr;
+    EXPECT_EQ(log_capture::count("no room to repair the records of a store"), 1);
+  }
+  const result seen = reopen();
+  EXPECT_TRUE(seen.lost.empty() && seen.hidden.empty());
+  EXPECT_EQ(seen.added, points);
 }
 
 // As long as the vectors are there, everything else can be made again.
