@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -11,6 +12,7 @@
 #include "engine/indexing.h"
 #include "engine/insertion.h"
 #include "engine/points.h"
+#include "engine/runtime.h"
 #include "engine/sync.h"
 #include "engine/teardown.h"
 #include "runtime/log.h"
@@ -60,7 +62,7 @@ class worker {
       korvex_search_init(index_, 1, nullptr);
       use();
       report_.enter(phase::closing);
-      korvex_free(index_);
+      close();
     }
   }
 
@@ -79,6 +81,15 @@ class worker {
     if (block != nullptr) std::memset(block, 1, bytes);
     persistent_malloc_destroy(blocks);
     return block != nullptr;
+  }
+
+  // On a busy machine the last thread may leave after korvex_free has returned; until then the files are in use.
+  void close() {
+    korvex_runtime_s* const runtime = index_->runtime;
+    runtime_add_handle(runtime);
+    korvex_free(index_);
+    while (!runtime->users_gone.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    runtime_release_handle(runtime);
   }
 
   void use() {
