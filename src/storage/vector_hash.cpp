@@ -313,11 +313,12 @@ vector_hash_s* vector_hash_init(int dim, int anchor_len, unsigned width, vectpoo
   hash_blocks blocks{};
   blocks.record = obtain(pm, base_key, sizeof(vector_hash_s));
   blocks.anchor = obtain(pm, base_key + 1, static_cast<std::uint64_t>(anchor_len) * sizeof(float));
-  // Left unused, so that id 0 never names an array.
-  unsigned unused = 0;
-  const bool pool_ready = pool->alloc(&unused, 1) != nullptr;
-  auto* l2 = new (std::nothrow) DistanceL2Square(dim);
   blocks.rings = obtain(pm, base_key + 2, sizeof(vector_hash_link_s) * vector_hash_rings);
+  // A slot of a new hash is left unused, so that id 0 never names an array. One that comes back needs no more room.
+  unsigned unused = 0;
+  const bool pool_ready =
+      (blocks.rings.loaded && pool->size() != 0) || pool->alloc(&unused, 1) != nullptr;
+  auto* l2 = new (std::nothrow) DistanceL2Square(dim);
   if (!blocks.complete() || !pool_ready || l2 == nullptr) {
     delete l2;
     release(pm, blocks);
