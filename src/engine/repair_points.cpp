@@ -33,11 +33,16 @@ class record_repair {
   }
 
  private:
-  // First of all: nothing may be written where the disk has no room for it.
+  // First of all: nothing may be written where the disk has no room for it. A block that was refused and is not needed
+  // must not stay in its place; one that cannot be moved is in nobody's way yet.
   void complete_blocks() {
-    for (vectpool_c* store : runtime_.store)
-      if (store != nullptr && !store->complete_blocks())
+    runtime_.star_pool->set_refused_aside();
+    for (vectpool_c* store : runtime_.store) {
+      if (store == nullptr) continue;
+      store->set_refused_aside();
+      if (!store->complete_blocks())
         throw std::runtime_error("no room to repair the records of a store");
+    }
   }
 
   void equalise_stores() {

@@ -294,6 +294,12 @@ bool vector_complete_blocks(vector_manager_s* m) {
   return true;
 }
 
+bool vector_set_refused_aside(vector_manager_s* m) {
+  if (m == nullptr || m->persistent == 0) return true;
+  const std::lock_guard guard(m->mutex);
+  return store::set_aside_from(*m, m->block_count.load(std::memory_order_relaxed));
+}
+
 int vector_sync(vector_manager_s* m, unsigned min_interval) {
   if (m == nullptr || m->persistent == 0) return 0;
   const auto now = static_cast<std::uint32_t>(platform::time_usec() / 1000000);

@@ -147,6 +147,10 @@ inline unsigned vector_count(const vector_manager_s* m) {
 // False, after a line, when the disk is full.
 bool vector_complete_blocks(vector_manager_s* m);
 
+// Sets the files aside that stand where the next blocks would go: the restore refused the first of them, and said so.
+// Nobody else uses the store. False when one cannot be moved.
+bool vector_set_refused_aside(vector_manager_s* m);
+
 // Flushes a persistent store to its files unless fewer than min_interval seconds passed since the
 // last time. 0.
 int vector_sync(vector_manager_s* m, unsigned min_interval);
@@ -169,6 +173,7 @@ class vectpool_c {
   void free(unsigned id, unsigned count) { vector_free(manager_, id, count); }
   unsigned size() const { return vector_count(manager_); }
   bool complete_blocks() { return vector_complete_blocks(manager_); }
+  bool set_refused_aside() { return vector_set_refused_aside(manager_); }
   int sync(unsigned min_interval) { return vector_sync(manager_, min_interval); }
   // How often the device refused a block.
   std::uint32_t syncs_refused() const {

@@ -47,19 +47,10 @@ bool is_open_index(const char* path) {
 // cannot or must not be moved.
 bool set_aside(const char* path) {
   const platform::file_status status = platform::status_of(path);
-  if (!status.exists || (status.regular && status.size == 0)) return true;
+  if (!status.exists) return true;
+  if (status.regular && status.size == 0) return platform::remove_file(path) == 0;
   if (status.regular && is_open_index(path)) return false;
   return platform::rename_file(path, (std::string(path) + ".bad").c_str()) == 0;
-}
-
-// Makes room for a new block. What stands behind it, from the time before a block in between was refused or lost, must
-// go as well: the next opening would count those records in again, behind the new ones.
-bool set_aside_from(vector_manager_s& m, std::uint32_t index) {
-  std::uint64_t next = std::uint64_t{index} + 1;
-  while (next < vector_no_id &&
-         platform::status_of(block_path(m, static_cast<std::uint32_t>(next))).exists)
-    if (!set_aside(block_path(m, static_cast<std::uint32_t>(next++)))) return false;
-  return set_aside(block_path(m, index));
 }
 
 void log_reserve_failure(const char* path, int error) {
@@ -130,6 +121,20 @@ restored restore_block(vector_manager_s& m, std::uint32_t index) {
 }
 
 }  // namespace
+
+// What stands behind the place of a new block, from the time before a block in between was refused or lost, must go as
+// well: the next opening would count those records in again, behind the new ones. A power cut may leave gaps.
+bool set_aside_from(vector_manager_s& m, std::uint32_t index) {
+  constexpr std::uint64_t widest_gap = 64;
+  std::uint64_t end = std::uint64_t{index} + 1 + widest_gap;
+  for (std::uint64_t next = std::uint64_t{index} + 1; next < end && next < vector_no_id; ++next) {
+    const char* const path = block_path(m, static_cast<std::uint32_t>(next));
+    if (!platform::status_of(path).exists) continue;
+    if (!set_aside(path)) return false;
+    end = next + 1 + widest_gap;
+  }
+  return set_aside(block_path(m, index));
+}
 
 bool name_files(vector_manager_s& m, const vectpool_conf_s& conf) {
   const std::size_t room = std::strlen(conf.directory) + std::strlen(conf.prefix) + path_room;

@@ -41,6 +41,8 @@ bool name_files(vector_manager_s& m, const vectpool_conf_s& conf);
 vector_block_s make_file_block(vector_manager_s& m, std::uint32_t index, std::uint32_t count);
 // Makes room on disk for a block's slots below `end`. False, after a line, on a full disk.
 bool reserve_slots(vector_manager_s& m, std::uint32_t index, std::uint64_t end);
+// Renames what stands at a block's place and behind it, as "<file>.bad". False when something must stay.
+bool set_aside_from(vector_manager_s& m, std::uint32_t index);
 // False when a block could not be read that may be sound.
 bool restore_blocks(vector_manager_s& m);
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -302,6 +303,11 @@ TEST_F(Repair, BlocksThatOthersFollowAreFull) {
       header->records_used -= 30;
     }
   });
+  // And files of blocks that nothing was written to.
+  for (const std::uint32_t block : {4u, 9u})
+    std::ofstream(fs::path(folder_of(killed_.path())) /
+                  vector_block_file_name(store_files(record_, "killed", 3), block))
+        << std::string(1000, '\0');
   {
     const disk_index full(killed_.path(), "killed", shape());
     const log_capture log;
