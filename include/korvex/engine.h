@@ -21,16 +21,13 @@
 //            way when another thread gives the index up ends with its failure value or its result;
 //            none may begin later.
 
-#if defined(_WIN32) || defined(__CYGWIN__)
-#if defined(KORVEX_STATIC)
-#define KORVEX_ENGINE_API
-#elif defined(KORVEX_BUILDING)
-#define KORVEX_ENGINE_API __declspec(dllexport)
-#else
-#define KORVEX_ENGINE_API __declspec(dllimport)
-#endif
-#else
+// Set by the build of a library whose format marks what it exports in another way; hosts leave it alone.
+#if !defined(KORVEX_ENGINE_API)
+#if defined(__ELF__)
 #define KORVEX_ENGINE_API __attribute__((visibility("default")))
+#else
+#define KORVEX_ENGINE_API
+#endif
 #endif
 
 #ifdef __cplusplus

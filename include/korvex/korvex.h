@@ -18,16 +18,13 @@
 // Threads    every operation of an index may be called from any thread. Configuration belongs
 //            before the first addition or session. A session runs one query at a time.
 
-#if defined(_WIN32) || defined(__CYGWIN__)
-#if defined(KORVEX_STATIC)
-#define KORVEX_API
-#elif defined(KORVEX_BUILDING)
-#define KORVEX_API __declspec(dllexport)
-#else
-#define KORVEX_API __declspec(dllimport)
-#endif
-#else
+// Set by the build of a library whose format marks what it exports in another way; hosts leave it alone.
+#if !defined(KORVEX_API)
+#if defined(__ELF__)
 #define KORVEX_API __attribute__((visibility("default")))
+#else
+#define KORVEX_API
+#endif
 #endif
 
 struct hnsw_s;
