@@ -1,5 +1,7 @@
 #include "storage/data_cache.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <bit>
@@ -68,6 +70,22 @@ class copy_ring {
   buffer slots_[data_cache_copies];
   unsigned turn_ = 0;
 };
+
+// The calling thread's, null when out of memory. No thread_local object: where the compiler keeps those by itself, their
+// memory may go before they are destroyed.
+copy_ring* ring_of_thread() {
+  struct ring_key {
+    pthread_key_t key{};
+    bool made =
+        pthread_key_create(&key, [](void* ring) { delete static_cast<copy_ring*>(ring); }) == 0;
+  };
+  static const ring_key rings;
+  if (!rings.made) return nullptr;
+  auto* ring = static_cast<copy_ring*>(pthread_getspecific(rings.key));
+  if (ring != nullptr) return ring;
+  std::unique_ptr<copy_ring> fresh(new (std::nothrow) copy_ring);
+  return fresh && pthread_setspecific(rings.key, fresh.get()) == 0 ? fresh.release() : nullptr;
+}
 
 }  // namespace
 
@@ -276,8 +294,8 @@ void* data_cache_get(data_cache_s* cache, std::uint32_t id) {
 
 void* data_cache_get_copy(data_cache_s* cache, std::uint32_t id) {
   if (!may_hold(cache, id)) return nullptr;
-  static thread_local copy_ring ring;
-  void* out = ring.next(cache->entry_size);
+  copy_ring* const ring = ring_of_thread();
+  void* out = ring == nullptr ? nullptr : ring->next(cache->entry_size);
   if (out == nullptr) return nullptr;
   const bool found = with_entry(
       *cache, id, [&](cache_node* node) { std::memcpy(out, node->copy(), cache->entry_size); });
