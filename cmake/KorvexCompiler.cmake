@@ -13,9 +13,8 @@ find_package(Threads REQUIRED)
 add_library(korvex_compiler INTERFACE)
 target_compile_options(korvex_compiler INTERFACE
   -Wall -Wextra -Wpedantic -Wformat=2 -Werror -fno-math-errno)
-if(NOT KORVEX_QUICK_BUILD)  # names of one file hide those of another there
-  target_compile_options(korvex_compiler INTERFACE -Wshadow)
-endif()
+# In one piece, names of one file hide those of another.
+target_compile_options(korvex_compiler INTERFACE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wshadow>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # GCC 12 takes inlined std::string concatenation for overlapping copies, and an atomic store behind a pointer that it
   # believes may be null for one past the end.
