@@ -32,7 +32,7 @@ TEST_F(Signals, WhatAnInterruptedBuildReportsIsThereAndVerifies) {
     // A script ignores SIGINT for what it starts in the background: env puts it back.
     const std::string build =
         std::string(
-            "for i in $(seq 1000); do cat base.fvecs; sleep 0.02; done 2>/dev/null | "
+            "for i in $(seq 1000); do cat base.fvecs || break; sleep 0.02; done 2>/dev/null | "
             "env --default-signal=INT " KORVEX_TOOL_PATH
             " build index - --format fvecs --threads 1 --radius 20 --json >report & "
             "until [ -d index ]; do sleep 0.01; done; sleep 0.3; "
@@ -62,9 +62,9 @@ TEST_F(Signals, WhatAnInterruptedBuildReportsIsThereAndVerifies) {
 }
 
 TEST_F(Signals, AWaitForStandardInputEndsAtTheFirstSignal) {
-  EXPECT_EQ(shell("(sleep 20 & echo $! >sleeper; wait) | " KORVEX_TOOL_PATH
-                  " build index - --format fvecs & until [ -s sleeper ]; do sleep 0.01; done; "
-                  "sleep 0.3; kill -TERM $!; wait $!; code=$?; kill $(cat sleeper); exit $code"),
+  EXPECT_EQ(shell("mkfifo silent; sleep 20 >silent & sleeper=$!; " KORVEX_TOOL_PATH
+                  " build index - --format fvecs <silent & sleep 0.5; "
+                  "kill -TERM $!; wait $!; code=$?; kill $sleeper; exit $code"),
             143)
       << err_;
   EXPECT_FALSE(std::filesystem::exists(path("index")));
