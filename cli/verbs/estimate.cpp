@@ -20,7 +20,7 @@ namespace {
 
 struct estimate_choice {
   std::uint64_t vectors = 0, dimension = 0;
-  int constellation = 16, probes = 2;
+  int constellation = 16;
   bool labels = false, json = false;
 };
 
@@ -29,7 +29,6 @@ korvex_estimate_s sizes_of(const estimate_choice& choice, bool on_disk) {
   description.size = sizeof description;
   description.dimension = static_cast<std::uint32_t>(choice.dimension);
   description.labels = choice.labels ? 1 : 0;
-  description.probes = static_cast<std::uint32_t>(choice.probes);
   description.constellation = static_cast<std::uint32_t>(choice.constellation);
   description.on_disk = on_disk ? 1 : 0;
   korvex_estimate_s sizes{};
@@ -90,7 +89,6 @@ verb add_estimate(CLI::App& tool) {
       ->check(CLI::Range(std::uint64_t{1}, largest_dimension));
   command->add_option("--constellation", choice->constellation, "As for korvex build")
       ->check(CLI::Range(1, 1024));
-  command->add_option("--probes", choice->probes, "As for korvex build")->check(CLI::Range(1, 16));
   command->add_flag("--labels", choice->labels, "With a label for each vector");
   command->add_flag("--json", choice->json, "Print JSON in place of text");
   return {

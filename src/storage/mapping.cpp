@@ -31,6 +31,11 @@ std::uint64_t reserve_end(std::uint64_t wanted, std::uint64_t ahead, std::uint64
   return wanted + std::min(left, step);
 }
 
+// A quarter more: few calls while the file grows, little waste in a small one.
+std::uint64_t room_ahead(std::uint64_t wanted) {
+  return std::min<std::uint64_t>(wanted / 4, largest_reserve_step - fault_unit);
+}
+
 void log_open_failure(const char* path, int error) {
   KORVEX_LOG("Failed to open file %s: %s\n", path, platform::error_text(error).c_str());
 }
@@ -200,9 +205,7 @@ int mapping_reserve(mmap_handle_t* mapping, unsigned long long upto_bytes) {
   }
   if (!mapping->file_backed || upto_bytes <= mapping->reserved_bytes) return 0;
   const std::uint64_t from = mapping->reserved_bytes;
-  // A quarter more: few calls while the file grows, little waste in a small one.
-  const std::uint64_t ahead =
-      std::min<std::uint64_t>(upto_bytes / 4, largest_reserve_step - fault_unit);
+  const std::uint64_t ahead = room_ahead(upto_bytes);
   std::uint64_t target = reserve_end(upto_bytes, ahead, mapping->size);
   if (platform::reserve_file_range(mapping->fd, from, target - from) != 0) {
     // The last units of a disk are still good for what is needed now.
@@ -211,6 +214,21 @@ int mapping_reserve(mmap_handle_t* mapping, unsigned long long upto_bytes) {
   }
   mapping->reserved_bytes = target;
   return 0;
+}
+
+unsigned long long mapping_room_of(unsigned long long bytes) {
+  constexpr std::uint64_t any_size = ~std::uint64_t{0};
+  std::uint64_t room = 0;
+  while (room < bytes) {
+    const std::uint64_t wanted = room + 1;
+    const std::uint64_t ahead = room_ahead(wanted);
+    room = reserve_end(wanted, ahead, any_size);
+    if (ahead < largest_reserve_step - fault_unit || room >= bytes) continue;
+    // Equal steps from here on.
+    const std::uint64_t steps = (bytes - room + largest_reserve_step - 1) / largest_reserve_step;
+    room += steps * largest_reserve_step;
+  }
+  return room;
 }
 
 int check_hugetlb_available() {

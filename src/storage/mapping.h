@@ -63,6 +63,8 @@ int sync_persistent_memory(mmap_handle_t* mapping);
 // there costs one comparison. Anonymous memory needs nothing.
 // 0, or -1 with errno set when the disk is full or upto_bytes is beyond the mapping; nothing is logged.
 int mapping_reserve(mmap_handle_t* mapping, unsigned long long upto_bytes);
+// The room that a file has taken once its records have grown to `bytes` one after another.
+unsigned long long mapping_room_of(unsigned long long bytes);
 
 // 1 when large pages can be had now. Explains once in a process how to get them when they cannot:
 // ask only for someone who wants them.

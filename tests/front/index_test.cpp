@@ -186,10 +186,10 @@ TEST(Index, EstimatesWhatItWillTake) {
       const statistics real = index.stats();
       EXPECT_NEAR(
           static_cast<double>(real.memory_bytes) / static_cast<double>(expected.memory_bytes), 1,
-          0.25);
+          0.1);
       if (on_disk) {
         // Where files cannot be reserved they take no more than their records.
-        EXPECT_LE(real.disk_bytes, expected.disk_bytes * 1.1);
+        EXPECT_LE(real.disk_bytes, expected.disk_bytes * 1.05);
         EXPECT_GE(real.disk_bytes, real.memory_bytes * 0.9);
       } else {
         EXPECT_EQ(real.disk_bytes, 0u);
