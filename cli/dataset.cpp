@@ -44,6 +44,16 @@ void check_finite(const std::string& path, const float* rows, std::size_t count,
   }
 }
 
+void check_directions(const std::string& path, const float* rows, std::size_t count,
+                      std::size_t dimension, std::uint64_t first_row) {
+  for (std::size_t row = 0; row < count; ++row) {
+    const float* const begin = rows + row * dimension;
+    if (std::any_of(begin, begin + dimension, [](float x) { return x != 0; })) continue;
+    throw file_error(
+        path, fmt::format("row {} is all zeros, and cosine needs a direction", first_row + row));
+  }
+}
+
 matrix load_vectors(const vector_input& input, std::size_t row_limit) {
   const std::string& path = input.path;
   const std::unique_ptr<vector_file> file = open_vector_file(input);

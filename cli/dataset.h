@@ -32,6 +32,10 @@ std::vector<std::size_t> choose(std::size_t n, std::size_t count, std::uint64_t 
 void check_finite(const std::string& path, const float* rows, std::size_t count,
                   std::size_t dimension, std::uint64_t first_row);
 
+// The same for rows of zeros, where only directions count.
+void check_directions(const std::string& path, const float* rows, std::size_t count,
+                      std::size_t dimension, std::uint64_t first_row);
+
 // Keeps the rows that are listed (ascending).
 void keep_rows(matrix& vectors, const std::vector<std::size_t>& rows);
 

@@ -33,16 +33,6 @@ std::size_t block_rows(std::size_t dimension) {
   return std::clamp<std::size_t>(block_floats / dimension, 1, most_block_rows);
 }
 
-void check_directions(const std::string& path, const float* rows, std::size_t count,
-                      std::size_t dimension, std::uint64_t first_row) {
-  for (std::size_t row = 0; row < count; ++row) {
-    const float* const begin = rows + row * dimension;
-    if (std::any_of(begin, begin + dimension, [](float x) { return x != 0; })) continue;
-    throw file_error(
-        path, fmt::format("row {} is all zeros, and cosine needs a direction", first_row + row));
-  }
-}
-
 // Rows of a file between --skip and --rows.
 class row_window {
  public:

@@ -36,7 +36,8 @@ double seconds_since(std::uint64_t began_ns) {
 }
 
 void configure(Korvex& index, const index_options& options) {
-  index.setDistanceType(options.metric);
+  index.setDistanceType(static_cast<Korvex::DistanceType>(options.metric.type));
+  index.setNormalize(options.metric.unit ? 1 : 0);
   index.setConstellationSize(options.constellation);
   index.setRadius(options.radius, 0);
   index.setPatternProbes(options.probes);

@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "cli/dataset.h"
+#include "cli/metric.h"
 #include "korvex/korvex.h"
 
 namespace korvex::cli {
 
 struct index_options {
-  Korvex::DistanceType metric = Korvex::DISTANCE_L2_SQUARE;
+  metric_choice metric = metric_named("l2sq");
   int constellation = 16;
   int radius = 200;
   int probes = 2;
@@ -33,7 +34,8 @@ struct built_index {
   double bytes_per_vector = 0;  // what the process's resident memory grew by meanwhile
 };
 
-// Builds an index in memory through the public interface; row i of the base gets the id i.
+// Builds an index in memory through the public interface; row i of the base gets the id i. Under cosine
+// the index keeps unit copies, and its distances are dot products with them.
 // Requirements  start_log ran
 // Failure       throws tool_error
 built_index build_index(const matrix& base, const index_options& options);

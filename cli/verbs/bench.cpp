@@ -7,19 +7,12 @@
 #include <atomic>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <optional>
 
-#include "cli/console.h"
-#include "cli/disk_index.h"
 #include "cli/format.h"
-#include "cli/index_truth.h"
-#include "cli/interrupt.h"
-#include "cli/query_batch.h"
+#include "cli/index_trial.h"
 #include "cli/radius_result.h"
 #include "cli/verb.h"
 #include "math/kernels.h"
-#include "math/topology.h"
-#include "runtime/platform/clock.h"
 
 // korvex bench: speed of an index on disk, as it is.
 namespace korvex::cli {
@@ -27,89 +20,79 @@ namespace korvex::cli {
 namespace {
 
 struct bench_choice {
-  index_place place;
-  vector_input queries{"", vector_format::unknown, "test"};
-  std::size_t query_rows = 1'000;
-  std::uint64_t seed = 1;
-  int k = 10, rounds = 3, threads = 0;
+  trial_options trial;
+  int rounds = 3;
   std::vector<int> radii = {20, 50, 100, 200, 400};
-  bool recall = false, json = false;
-  console_options console;
+  bool recall = false;
 };
 
 // One radius, one round.
-void measure(const disk_index& index, const matrix& queries, const bench_choice& choice,
-             const index_truth* truth, radius_result& result) {
-  const query_options options{choice.k, result.radius, choice.threads};
+void measure(const index_trial& trial, bool with_recall, radius_result& result) {
+  const std::size_t n = trial.queries.rows;
   answer_rows answers;
-  const std::uint64_t began = platform::monotonic_ns();
-  answer_queries(index, queries.values.data(), queries.rows, options, answers);
-  const double seconds = static_cast<double>(platform::monotonic_ns() - began) / 1e9;
-  stop_if_interrupted();
-  result.queries_per_second.push_back(static_cast<double>(queries.rows) / seconds);
+  result.queries_per_second.push_back(trial.ask(result.radius, 0, n, answers));
   const std::vector<double> latencies =
-      time_queries(index, queries.values.data(), queries.rows, options);
+      time_queries(*trial.index, trial.queries.values.data(), n,
+                   {trial.options.k, result.radius, trial.options.threads});
   stop_if_interrupted();
   result.latencies.insert(result.latencies.end(), latencies.begin(), latencies.end());
-  if (truth != nullptr) result.recall = truth->recall(answers, 0).mean;
+  if (with_recall) result.recall = trial.truth->recall(answers, 0).mean;
 }
 
-std::vector<radius_result> measure_all(const disk_index& index, const matrix& queries,
-                                       const bench_choice& choice, const index_truth* truth) {
+std::vector<radius_result> measure_all(const index_trial& trial, const bench_choice& choice) {
   std::vector<radius_result> results;
   for (const int radius : choice.radii) results.emplace_back().radius = radius;
   radius_result warm_up{choice.radii.front(), 0, 0, {}, {}};
-  measure(index, queries, choice, nullptr, warm_up);
+  measure(trial, false, warm_up);
   std::atomic<std::uint64_t> done{0};
   const std::uint64_t rounds = static_cast<std::uint64_t>(choice.rounds);
-  const progress line("asking", 2 * queries.rows * results.size() * rounds,
+  const progress line("asking", 2 * trial.queries.rows * results.size() * rounds,
                       [&] { return done.load(); });
   for (int round = 0; round < choice.rounds; ++round) {
     for (radius_result& result : results) {
-      measure(index, queries, choice, round == 0 ? truth : nullptr, result);
-      done += 2 * queries.rows;
+      measure(trial, choice.recall && round == 0, result);
+      done += 2 * trial.queries.rows;
     }
   }
   for (radius_result& result : results) std::sort(result.latencies.begin(), result.latencies.end());
   return results;
 }
 
-std::string report(const disk_index& index, const matrix& queries, const bench_choice& choice,
+std::string report(const index_trial& trial, const bench_choice& choice,
                    const std::vector<radius_result>& results) {
-  if (!choice.json)
+  const disk_index& index = *trial.index;
+  const int k = trial.options.k;
+  const int threads = trial.options.threads;
+  if (!trial.options.json)
     return fmt::format(
         "{} vectors of {} dimensions, metric {}; {} queries, {} thread{}, kernels "
         "{}\n\n{}\nqueries/s: all threads (median of the rounds); mean, p50, p99: "
         "one thread, one query at a time\n",
-        grouped(index.size()), index.dimension(), index.metric().name, grouped(queries.rows),
-        choice.threads, choice.threads == 1 ? "" : "s", chosen_kernels(),
-        results_table(results, choice.k, choice.recall));
+        grouped(index.size()), index.dimension(), index.metric().name, grouped(trial.queries.rows),
+        threads, threads == 1 ? "" : "s", chosen_kernels(),
+        results_table(results, k, choice.recall));
   nlohmann::ordered_json rows = nlohmann::ordered_json::array();
   for (const radius_result& result : results) {
     rows.push_back(result_json(result));
     if (!choice.recall) rows.back().erase("recall");
   }
-  const nlohmann::ordered_json all = {
-      {"vectors", index.size()}, {"dimension", index.dimension()}, {"metric", index.metric().name},
-      {"queries", queries.rows}, {"threads", choice.threads},      {"kernels", chosen_kernels()},
-      {"k", choice.k},           {"rounds", choice.rounds},        {"results", rows}};
+  const nlohmann::ordered_json all = {{"vectors", index.size()},
+                                      {"dimension", index.dimension()},
+                                      {"metric", index.metric().name},
+                                      {"queries", trial.queries.rows},
+                                      {"threads", threads},
+                                      {"kernels", chosen_kernels()},
+                                      {"k", k},
+                                      {"rounds", choice.rounds},
+                                      {"results", rows}};
   return all.dump(2) + "\n";
 }
 
-void run_bench(bench_choice choice) {
-  start_console(choice.console);
-  const interrupt_guard guard;
-  if (choice.threads == 0) choice.threads = cpu_count();
-  const auto index = disk_index::open(choice.place, 0, false);
-  const matrix queries = load_queries(choice.queries, *index, choice.query_rows, choice.seed);
-  std::optional<index_truth> truth;
-  if (choice.recall)
-    truth.emplace(*index, queries, static_cast<std::size_t>(choice.k),
-                  static_cast<unsigned>(choice.threads));
-  const std::vector<radius_result> results =
-      measure_all(*index, queries, choice, truth ? &*truth : nullptr);
-  print_result(report(*index, queries, choice, results));
-  index->close();
+void run_bench(const bench_choice& choice) {
+  index_trial trial(choice.trial);
+  if (choice.recall) trial.find_truth();
+  print_result(report(trial, choice, measure_all(trial, choice)));
+  trial.index->close();
 }
 
 }  // namespace
@@ -122,29 +105,18 @@ verb add_bench(CLI::App& tool) {
       "memory. The radii take turns.");
   auto choice = std::make_shared<bench_choice>();
   command->option_defaults()->always_capture_default();
-  add_place_options(*command, choice->place);
-  command
-      ->add_option("queries", choice->queries.path, "Query vectors, in any format of korvex build")
-      ->required()
-      ->type_name("FILE");
+  choice->trial.query_rows = 1'000;
+  add_trial_input(*command, choice->trial);
   command
       ->add_option("--radii", choice->radii,
                    "Candidates looked at, at least: a list with commas, a line of the table each")
       ->delimiter(',')
       ->check(CLI::Range(1, 1 << 20));
-  command->add_option("-k,--k", choice->k, "Neighbours of each query")
-      ->check(CLI::Range(1, 1 << 20));
   command->add_flag("--recall", choice->recall,
                     "Measure the recall too, against a brute-force search of the index");
-  command->add_option("--query-rows", choice->query_rows,
-                      "Ask N of the queries, chosen at random by --seed (0: all)");
   command->add_option("--rounds", choice->rounds, "Times that each radius is measured")
       ->check(CLI::Range(1, 1000));
-  command->add_option("--threads", choice->threads, "Threads that search (0: one a core)")
-      ->check(CLI::Range(0, 1024));
-  command->add_option("--seed", choice->seed, "Seed of the choice of queries");
-  command->add_flag("--json", choice->json, "Print JSON in place of the table");
-  add_console_options(*command, choice->console);
+  add_trial_options(*command, choice->trial);
   return {command,
           [choice] { run_bench(*choice); },
           {{"korvex bench shop queries.fvecs", "speed at five radii, on all cores"},

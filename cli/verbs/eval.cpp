@@ -32,14 +32,9 @@ constexpr double longest_vector = 1e18;  // squared distances still fit a float
 constexpr double recalls_differ = 0.01;
 constexpr std::uint64_t sample_stream = 1;  // keeps the samples from repeating the choice of rows
 
-const std::map<std::string, Korvex::DistanceType> metrics = {
-    {"l2sq", Korvex::DISTANCE_L2_SQUARE},
-    {"l2", Korvex::DISTANCE_L2},
-    {"ip", Korvex::DISTANCE_INNER_PRODUCT}};
 const std::map<std::string, int> result_caches = {{"off", 0}, {"near", 1}, {"exact", 2}};
 
-template <typename Map>
-std::vector<std::string> names_of(const Map& map) {
+std::vector<std::string> names_of(const std::map<std::string, int>& map) {
   std::vector<std::string> names;
   for (const auto& entry : map) names.push_back(entry.first);
   return names;
@@ -83,10 +78,7 @@ void add_data_options(CLI::App& command, eval_options& options) {
 }
 
 void add_index_options(CLI::App& command, eval_options& options) {
-  command
-      .add_option("--metric", options.metric,
-                  "Nearness: squared or plain Euclidean distance, or the dot product")
-      ->check(CLI::IsMember(names_of(metrics)));
+  command.add_option("--metric", options.metric, metric_help)->check(CLI::IsMember(metric_names));
   command
       .add_option("--constellation", options.index.constellation,
                   "Constellation size; a vector has up to twice as many neighbours")
@@ -158,6 +150,11 @@ eval_data load_data(const eval_options& options) {
     throw file_error(options.queries,
                      fmt::format("vectors of {} dimensions, expected {} as in {}",
                                  data.queries.dimension, data.base.dimension, options.base));
+  if (options.index.metric.unit) {
+    check_directions(options.base, data.base.row(0), data.base.rows, data.base.dimension, 0);
+    check_directions(options.queries, data.queries.row(0), data.queries.rows, data.base.dimension,
+                     0);
+  }
   const std::size_t asked = options.query_rows == 0 ? data.queries.rows : options.query_rows;
   data.query_rows = choose(data.queries.rows, std::min(asked, most_queries), options.seed);
   keep_rows(data.queries, data.query_rows);
@@ -165,15 +162,16 @@ eval_data load_data(const eval_options& options) {
     throw tool_error(exit_usage,
                      fmt::format("--k {}: expected at most {}, the number of base vectors",
                                  options.k, data.base.rows));
-  if (options.scale_length > 0) {
-    scale_to_length(data.base, options.scale_length);
-    scale_to_length(data.queries, options.scale_length);
+  const double length = options.index.metric.unit ? 1 : options.scale_length;
+  if (length > 0) {
+    scale_to_length(data.base, length);
+    scale_to_length(data.queries, length);
   }
   return data;
 }
 
 ground_truth find_truth(const eval_options& options, const eval_data& data, eval_report& report) {
-  const auto metric = static_cast<korvex_distance_type>(options.index.metric);
+  const korvex_distance_type metric = options.index.metric.type;
   const auto k = static_cast<std::size_t>(options.k);
   if (!options.truth.empty())
     return ground_truth::load(options.truth, data.base, data.queries, data.query_rows, metric, k);
@@ -257,8 +255,8 @@ void take_samples(const eval_options& options, Korvex& index, const eval_data& d
     sample& each = report.samples.emplace_back();
     each.query_row = data.query_rows[query];
     for (std::size_t i = 0; i < found.ids.size(); ++i)
-      each.neighbours.push_back(
-          {found.ids[i], found.distances[i], truth.is_near(query, found.ids[i])});
+      each.neighbours.push_back({found.ids[i], options.index.metric.shown(found.distances[i]),
+                                 truth.is_near(query, found.ids[i])});
   }
 }
 
@@ -284,7 +282,7 @@ void describe(const eval_options& options, const eval_data& data, eval_report& r
 }
 
 void resolve(eval_options& options) {
-  options.index.metric = metrics.at(options.metric);
+  options.index.metric = metric_named(options.metric);
   options.index.result_cache = result_caches.at(options.result_cache);
   if (options.index.index_threads == 0) options.index.index_threads = cpu_count();
   if (options.index.search_threads == 0) options.index.search_threads = cpu_count();

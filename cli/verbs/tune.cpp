@@ -9,16 +9,10 @@
 #include <optional>
 #include <random>
 
-#include "cli/console.h"
-#include "cli/disk_index.h"
 #include "cli/errors.h"
 #include "cli/format.h"
-#include "cli/index_truth.h"
-#include "cli/interrupt.h"
-#include "cli/query_batch.h"
+#include "cli/index_trial.h"
 #include "cli/verb.h"
-#include "math/topology.h"
-#include "runtime/platform/clock.h"
 
 // korvex tune: the smallest radius for a wanted recall.
 namespace korvex::cli {
@@ -28,52 +22,30 @@ namespace {
 constexpr int first_radius = 16;
 
 struct tune_choice {
-  index_place place;
-  vector_input queries{"", vector_format::unknown, "test"};
+  trial_options trial;
   double recall = 0.95;
-  int k = 10, most_radius = 10'000, threads = 0;
-  std::size_t query_rows = 2'000;
-  std::uint64_t seed = 1;
-  bool json = false;
-  console_options console;
+  int most_radius = 10'000;
 };
 
-struct trial {
+struct outcome {
   int radius = 0;
   mean_recall recall;
   double queries_per_second = 0;
 };
 
 // Asks the queries from `first` to `last` at one radius.
-class trials {
- public:
-  trials(const disk_index& index, const matrix& queries, const index_truth& truth,
-         const tune_choice& choice)
-      : index_(index), queries_(queries), truth_(truth), choice_(choice) {}
-
-  trial run(int radius, std::size_t first, std::size_t last) {
-    const std::uint64_t began = platform::monotonic_ns();
-    answer_queries(index_, queries_.row(first), last - first, {choice_.k, radius, choice_.threads},
-                   answers_);
-    stop_if_interrupted();
-    const double seconds = static_cast<double>(platform::monotonic_ns() - began) / 1e9;
-    return {radius, truth_.recall(answers_, first), static_cast<double>(last - first) / seconds};
-  }
-
- private:
-  const disk_index& index_;
-  const matrix& queries_;
-  const index_truth& truth_;
-  const tune_choice& choice_;
-  answer_rows answers_;
-};
+outcome run(const index_trial& trial, int radius, std::size_t first, std::size_t last) {
+  answer_rows answers;
+  const double speed = trial.ask(radius, first, last, answers);
+  return {radius, trial.truth->recall(answers, first), speed};
+}
 
 // Doubles the radius until the recall suffices, then halves the interval. Nothing when the largest
 // radius does not suffice; `best` is the recall there.
-std::optional<int> smallest_radius(trials& tried, std::size_t n, const tune_choice& choice,
-                                   double* best) {
+std::optional<int> smallest_radius(const index_trial& trial, std::size_t n,
+                                   const tune_choice& choice, double* best) {
   const auto suffices = [&](int radius) {
-    *best = tried.run(radius, 0, n).recall.mean;
+    *best = run(trial, radius, 0, n).recall.mean;
     return *best >= choice.recall;
   };
   int too_small = 0;
@@ -90,20 +62,20 @@ std::optional<int> smallest_radius(trials& tried, std::size_t n, const tune_choi
   return enough;
 }
 
-std::string report(const tune_choice& choice, const trial& tuned, const trial& held_out,
-                   std::size_t n_tuned, std::size_t n_held_out) {
-  if (!choice.json)
+std::string report(const trial_options& options, double wanted, const outcome& tuned,
+                   const outcome& held_out, std::size_t n_tuned, std::size_t n_held_out) {
+  if (!options.json)
     return fmt::format(
         "radius    {}\nrecall@{:<2} {:.4f} +- {:.4f} on the {} queries that it was "
         "chosen by\nheld out  {:.4f} +- {:.4f} on {} others\nspeed     {} queries/s "
         "by {} thread{}\n",
-        tuned.radius, choice.k, tuned.recall.mean, tuned.recall.uncertainty, grouped(n_tuned),
+        tuned.radius, options.k, tuned.recall.mean, tuned.recall.uncertainty, grouped(n_tuned),
         held_out.recall.mean, held_out.recall.uncertainty, grouped(n_held_out),
-        grouped(static_cast<std::uint64_t>(held_out.queries_per_second)), choice.threads,
-        choice.threads == 1 ? "" : "s");
+        grouped(static_cast<std::uint64_t>(held_out.queries_per_second)), options.threads,
+        options.threads == 1 ? "" : "s");
   const nlohmann::ordered_json all = {{"radius", tuned.radius},
-                                      {"wanted_recall", choice.recall},
-                                      {"k", choice.k},
+                                      {"wanted_recall", wanted},
+                                      {"k", options.k},
                                       {"recall", tuned.recall.mean},
                                       {"recall_uncertainty", tuned.recall.uncertainty},
                                       {"held_out_recall", held_out.recall.mean},
@@ -111,7 +83,7 @@ std::string report(const tune_choice& choice, const trial& tuned, const trial& h
                                       {"queries", n_tuned},
                                       {"held_out_queries", n_held_out},
                                       {"queries_per_second", held_out.queries_per_second},
-                                      {"threads", choice.threads}};
+                                      {"threads", options.threads}};
   return all.dump(2) + "\n";
 }
 
@@ -125,30 +97,27 @@ void shuffle_rows(matrix& queries, std::uint64_t seed) {
   }
 }
 
-void run_tune(tune_choice choice) {
-  start_console(choice.console);
-  const interrupt_guard guard;
-  if (choice.threads == 0) choice.threads = cpu_count();
-  const auto index = disk_index::open(choice.place, 0, false);
-  matrix queries = load_queries(choice.queries, *index, choice.query_rows, choice.seed);
+void run_tune(const tune_choice& choice) {
+  index_trial trial(choice.trial);
+  matrix& queries = trial.queries;
   if (queries.rows < 2)
-    throw file_error(choice.queries.path, "1 query, expected 2 or more: half of them are held out");
-  shuffle_rows(queries, choice.seed);
-  const index_truth truth(*index, queries, static_cast<std::size_t>(choice.k),
-                          static_cast<unsigned>(choice.threads));
+    throw file_error(choice.trial.queries.path,
+                     "1 query, expected 2 or more: half of them are held out");
+  shuffle_rows(queries, choice.trial.seed);
+  trial.find_truth();
   const std::size_t half = queries.rows / 2;
-  trials tried(*index, queries, truth, choice);
   double best = 0;
-  const std::optional<int> radius = smallest_radius(tried, half, choice, &best);
+  const std::optional<int> radius = smallest_radius(trial, half, choice, &best);
   if (!radius)
-    throw tool_error(exit_recall, fmt::format("recall@{} is {:.4f} at the largest radius, {}; "
-                                              "expected {} or more. More --probes or a larger "
-                                              "--constellation in korvex build reach further",
-                                              choice.k, best, choice.most_radius, choice.recall));
-  const trial tuned = tried.run(*radius, 0, half);
-  const trial held_out = tried.run(*radius, half, queries.rows);
-  print_result(report(choice, tuned, held_out, half, queries.rows - half));
-  index->close();
+    throw tool_error(exit_recall,
+                     fmt::format("recall@{} is {:.4f} at the largest radius, {}; "
+                                 "expected {} or more. More --probes or a larger "
+                                 "--constellation in korvex build reach further",
+                                 choice.trial.k, best, choice.most_radius, choice.recall));
+  const outcome tuned = run(trial, *radius, 0, half);
+  const outcome held_out = run(trial, *radius, half, queries.rows);
+  print_result(report(trial.options, choice.recall, tuned, held_out, half, queries.rows - half));
+  trial.index->close();
 }
 
 }  // namespace
@@ -163,24 +132,13 @@ verb add_tune(CLI::App& tool) {
       "errors.");
   auto choice = std::make_shared<tune_choice>();
   command->option_defaults()->always_capture_default();
-  add_place_options(*command, choice->place);
-  command
-      ->add_option("queries", choice->queries.path, "Query vectors, in any format of korvex build")
-      ->required()
-      ->type_name("FILE");
+  choice->trial.query_rows = 2'000;
+  add_trial_input(*command, choice->trial);
   command->add_option("--recall", choice->recall, "Wanted share of the k nearest, 0 to 1")
       ->check(CLI::Range(0.0, 1.0));
-  command->add_option("-k,--k", choice->k, "Neighbours of each query")
-      ->check(CLI::Range(1, 1 << 20));
   command->add_option("--most-radius", choice->most_radius, "Largest radius to try")
       ->check(CLI::Range(1, 1 << 20));
-  command->add_option("--query-rows", choice->query_rows,
-                      "Ask N of the queries, chosen at random by --seed (0: all)");
-  command->add_option("--threads", choice->threads, "Threads that search (0: one a core)")
-      ->check(CLI::Range(0, 1024));
-  command->add_option("--seed", choice->seed, "Seed of every random choice");
-  command->add_flag("--json", choice->json, "Print JSON in place of text");
-  add_console_options(*command, choice->console);
+  add_trial_options(*command, choice->trial);
   return {command,
           [choice] { run_tune(*choice); },
           {{"korvex tune shop queries.fvecs --recall 0.99", "the radius for 99 of 100 neighbours"},

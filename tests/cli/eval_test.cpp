@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <numeric>
@@ -103,6 +104,31 @@ TEST_F(Eval, TheTableHasALineForEachRadiusAndTheLogGoesToStandardError) {
   EXPECT_GE(json::parse(read_file(path("report.json")))["results"][1]["recall"], 0.95);
 }
 
+TEST_F(Eval, CosineCountsDirectionsWhateverTheLengths) {
+  matrix long_and_short = base_;
+  for (std::size_t i = 0; i < long_and_short.values.size(); ++i)
+    long_and_short.values[i] *= static_cast<float>(1 + i / dimension % 7);
+  write("base.fvecs", fvecs(long_and_short));
+  ASSERT_EQ(run(data() + "--metric cosine --radii 200 --json --samples 3"), 0) << err_;
+  const json report = json::parse(out_);
+  EXPECT_EQ(report["metric"], "cosine");
+  EXPECT_GE(report["results"][0]["recall"], 0.95);
+  const auto dot = [](const float* a, const float* b) {
+    return -distance_key(DISTANCE_INNER_PRODUCT, a, b);
+  };
+  for (const json& sample : report["samples"]["queries"])
+    for (const json& near : sample["neighbours"]) {
+      const float* const query = queries_.row(sample["query_row"]);
+      const float* const found = long_and_short.row(near["row"]);
+      EXPECT_NEAR(near["distance"],
+                  1 - dot(query, found) / std::sqrt(dot(query, query) * dot(found, found)), 1e-5);
+    }
+  std::fill_n(long_and_short.values.begin() + 5 * dimension, dimension, 0.0f);
+  write("base.fvecs", fvecs(long_and_short));
+  EXPECT_EQ(run(data() + "--metric cosine"), 3);
+  EXPECT_NE(err_.find("row 5 is all zeros"), std::string::npos) << err_;
+}
+
 TEST_F(Eval, GivenAnswersReplaceTheBruteForceRowByRow) {
   std::string right;
   std::string wrong;
@@ -155,7 +181,7 @@ TEST_F(Eval, ExitCodesTellWhatWentWrong) {
       {"", 2, "subcommand"},
       {"eval", 2, "--base"},
       {"eval --unknown", 2, "--base"},
-      {data() + "--metric cosine", 2, "--metric"},
+      {data() + "--metric cos", 2, "--metric"},
       {data() + "--probes 17", 2, "--probes"},
       {data() + "--radii 10,0", 2, "--radii"},
       {data() + "-k 601", 2, "expected at most 600"},
