@@ -2,6 +2,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <thread>
 #include <vector>
 
@@ -20,6 +21,7 @@ namespace {
 constexpr std::size_t queries = 1000;
 constexpr int k = 10;
 constexpr int rounds = 5;
+constexpr int passes = 4;  // over the queries in a round
 
 struct data_set {
   std::size_t dimension;
@@ -84,32 +86,52 @@ void ask_bulk(hnsw_s* index, const data_set& data, int radius, std::vector<std::
   korvex_bulk_search_release(&bulk);
 }
 
+struct speed {
+  double rate = 0;          // queries a second
+  double microseconds = 0;  // of processor time a query takes, on all threads
+};
+
 template <class Ask>
-double rate_of(Ask&& ask) {
+speed speed_of(Ask&& ask) {
   const auto begin = std::chrono::steady_clock::now();
-  ask();
+  const std::clock_t used = std::clock();
+  for (int pass = 0; pass < passes; ++pass) ask();
   const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-  return static_cast<double>(queries) / time.count();
+  constexpr double asked = static_cast<double>(queries) * passes;
+  return {asked / time.count(),
+          static_cast<double>(std::clock() - used) * 1e6 / CLOCKS_PER_SEC / asked};
+}
+
+speed middle(std::vector<speed> measured) {
+  const auto by = [&](double speed::*part) {
+    std::sort(measured.begin(), measured.end(),
+              [part](const speed& a, const speed& b) { return a.*part < b.*part; });
+    return measured[measured.size() / 2].*part;
+  };
+  return {by(&speed::rate), by(&speed::microseconds)};
 }
 
 void print_radius(hnsw_s* index, const data_set& data, int radius) {
   constexpr std::size_t ways = 4;
   std::vector<std::uint32_t> ids[ways];
-  std::vector<double> rates[ways];
+  std::vector<speed> measured[ways];
   for (auto& row : ids) row.assign(queries * k, 0xFFFFFFFFu);
   // In turn, so that what the machine does besides meets all of them.
   for (int round = 0; round < rounds; ++round) {
-    rates[0].push_back(rate_of([&] { ask_session(index, data, radius, &ids[0]); }));
-    rates[1].push_back(rate_of([&] { ask_bulk(index, data, radius, &ids[1]); }));
-    rates[2].push_back(rate_of([&] { ask_direct(index, data, radius, 1, &ids[2]); }));
-    rates[3].push_back(rate_of([&] { ask_direct(index, data, radius, 2, &ids[3]); }));
+    measured[0].push_back(speed_of([&] { ask_session(index, data, radius, &ids[0]); }));
+    measured[1].push_back(speed_of([&] { ask_bulk(index, data, radius, &ids[1]); }));
+    measured[2].push_back(speed_of([&] { ask_direct(index, data, radius, 1, &ids[2]); }));
+    measured[3].push_back(speed_of([&] { ask_direct(index, data, radius, 2, &ids[3]); }));
   }
   std::printf("%7d", radius);
+  speed middles[ways];
   for (std::size_t way = 0; way < ways; ++way) {
-    std::sort(rates[way].begin(), rates[way].end());
-    std::printf(" %10.0f %7.4f", rates[way][rounds / 2], recall_of(data, ids[way]));
+    middles[way] = middle(measured[way]);
+    std::printf(" %8.0f %5.0f us %6.4f", middles[way].rate, middles[way].microseconds,
+                recall_of(data, ids[way]));
   }
-  std::printf(" %8.2f\n", rates[3][rounds / 2] / rates[2][rounds / 2]);
+  std::printf(" %6.2f %10.2f\n", middles[3].rate / middles[2].rate,
+              2 * middles[2].microseconds / middles[3].microseconds);
   std::fflush(stdout);
 }
 
@@ -125,9 +147,12 @@ int run(int argc, char** argv) {
   if (index == nullptr) return 1;
   std::printf("%zu x %zu, %d probes, k %d, %zu queries, median of %d rounds, kernels %s\n", n,
               data.dimension, probes, k, queries, rounds, chosen_kernels());
-  std::printf("queries a second and recall\n%7s %18s %18s %18s %18s %8s\n", "radius", "session",
-              "bulk", "direct", "direct, 2 threads", "2 to 1");
-  for (const int radius : {10, 50, 100, 200, 400}) print_radius(index, data, radius);
+  std::printf(
+      "queries a second, processor time a query, recall; of two threads against one: the rate, and "
+      "what the rate would be with two processors to themselves\n%7s %24s %24s %24s %24s %6s "
+      "%10s\n",
+      "radius", "session", "bulk", "direct", "direct, 2 threads", "2 to 1", "undisturbed");
+  for (const int radius : {10, 32, 50, 100, 200, 400}) print_radius(index, data, radius);
   korvex_free(index);
   return 0;
 }
