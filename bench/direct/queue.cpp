@@ -8,6 +8,7 @@
 
 #include "direct/data.h"
 #include "engine/teardown.h"
+#include "runtime/threads.h"
 #include "search/bulk.h"
 #include "search/direct.h"
 
@@ -60,6 +61,7 @@ void ask_direct(hnsw_s* index, const data_set& data, int radius, int threads,
   std::vector<std::thread> running;
   for (std::size_t begin = 0; begin < queries; begin += share)
     running.emplace_back([&, begin] {
+      thread_set_self_priority(2);  // as search threads do: on a busy machine it counts
       const std::size_t end = std::min(begin + share, queries);
       for (std::size_t q = begin; q < end; ++q)
         korvex_search_direct(index, &data.asked[q * data.dimension], 1, k, &options, &(*ids)[q * k],
