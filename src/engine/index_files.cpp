@@ -46,11 +46,12 @@ std::string plain_name(const std::string& file) {
   return file;
 }
 
+// An index may be called as a block file of another one would be.
 std::vector<std::string> other_indexes(const std::string& directory, const std::string& index,
                                        const std::vector<platform::directory_entry>& entries) {
   std::vector<std::string> names;
   for (const platform::directory_entry& entry : entries)
-    if (entry.regular && entry.name.ends_with(ending) && !is_file_of(index, entry.name) &&
+    if (entry.regular && entry.name.ends_with(ending) && entry.name != index + ending &&
         holds_index(directory + "/" + entry.name))
       names.push_back(entry.name.substr(0, entry.name.size() - ending.size()));
   return names;
@@ -77,15 +78,20 @@ bool holds_index(const std::string& path) {
   return begins_with(path, &persistent_magic, sizeof persistent_magic);
 }
 
-void delete_index_files(const std::string& directory, const std::string& index) {
+void delete_files_beside_index(const std::string& directory, const std::string& index) {
   const auto entries = platform::list_directory(directory.c_str());
   const std::vector<std::string> others = other_indexes(directory, index, entries);
+  const auto belongs_to_another = [&](const std::string& plain) {
+    return std::any_of(others.begin(), others.end(),
+                       [&](const std::string& other) { return plain == other + ending; }) ||
+           (!is_file_of(index, plain) &&
+            std::any_of(others.begin(), others.end(),
+                        [&](const std::string& other) { return is_file_of(other, plain); }));
+  };
   const auto keeps = [&](const std::string& file, const std::string& plain) {
-    if (!plain.ends_with(ending)) return true;
-    if (is_file_of(index, plain)) return false;
-    return file != plain || std::any_of(others.begin(), others.end(), [&](const auto& other) {
-             return is_file_of(other, plain);
-           });
+    if (file == index + ending || !plain.ends_with(ending) || belongs_to_another(plain))
+      return true;
+    return file != plain && !is_file_of(index, plain);
   };
   for (const platform::directory_entry& entry : entries)
     if (entry.regular && !keeps(entry.name, plain_name(entry.name)))

@@ -14,10 +14,10 @@ bool is_block_file_of(const std::string& index, const std::string& file);
 bool holds_block(const std::string& path);
 bool holds_index(const std::string& path);
 
-// Deletes the index file and the block files of an index, what was set aside of them or saved beside them, and every
-// other file with the extension that belongs to no other index of the directory.
-// Requires that nobody has the index open.
-void delete_index_files(const std::string& directory, const std::string& index);
+// Deletes the block files of an index, what was set aside of them or saved beside its index file, and every other file
+// with the extension that belongs to no other index of the directory. The index file itself stays, for its lock.
+// Requires that lock, and that the stores are closed.
+void delete_files_beside_index(const std::string& directory, const std::string& index);
 
 }  // namespace korvex
 

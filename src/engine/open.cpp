@@ -145,7 +145,7 @@ hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& loc
     KORVEX_LOG("Found an existing Korvex config\n");
     // Compared before the first write: a refused file stays as it was.
     if (!record_matches(*hnsw, dimension, instance_id) ||
-        points_without_vectors(*hnsw, location.directory, location.name)) {
+        stores_are_lost(*hnsw, location.directory, location.name)) {
       KORVEX_LOG_CRITICAL("Bad or mismatched configuration detected. Check and reinitialize.\n");
       return nullptr;
     }
@@ -159,19 +159,35 @@ hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& loc
   return bind_to_process(hnsw, manager, location) ? hnsw : nullptr;
 }
 
+// Waits until fewer than `closing` indexes are being given up. False when that takes too long.
+bool wait_for_close(int closing) {
+  constexpr std::uint64_t patience_ms = 2'000;
+  const std::uint64_t begin = platform::time_ms();
+  while (indexes_closing.load() >= closing) {
+    if (platform::time_ms() - begin > patience_ms) return false;
+    platform::sleep_usec(1'000);
+  }
+  return true;
+}
+
+// Locked. An index that this process is giving up can be opened as soon as its last thread has left it.
+persistent_malloc_s* open_locked(const std::string& file) {
+  int closing = 0;
+  do {
+    closing = indexes_closing.load();
+    persistent_malloc_s* const manager = persistent_malloc_init(file.c_str(), index_file_bytes);
+    if (manager == nullptr || persistent_malloc_lock(manager) == 0) return manager;
+    persistent_malloc_destroy(manager);
+  } while (closing != 0 && wait_for_close(closing));
+  KORVEX_LOG_CRITICAL("the index is in use: %s is open here or in another process\n", file.c_str());
+  return nullptr;
+}
+
 persistent_malloc_s* open_manager(const index_location& location) {
   if (location.directory.empty()) return persistent_malloc_init(nullptr, 0);
-  if (holds_block(location.file)) {
-    KORVEX_LOG_CRITICAL("%s is a block file of another index: choose another name\n",
-                        location.file.c_str());
-    return nullptr;
-  }
-  persistent_malloc_s* const manager =
-      persistent_malloc_init(location.file.c_str(), index_file_bytes);
-  if (manager == nullptr || persistent_malloc_lock(manager) == 0) return manager;
-  KORVEX_LOG_CRITICAL("the index is in use: %s is open here or in another process\n",
+  if (!holds_block(location.file)) return open_locked(location.file);
+  KORVEX_LOG_CRITICAL("%s is a block file of another index: choose another name\n",
                       location.file.c_str());
-  persistent_malloc_destroy(manager);
   return nullptr;
 }
 

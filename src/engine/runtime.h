@@ -135,6 +135,8 @@ struct korvex_runtime_s {
   std::atomic<int> result_cache_mode{1};
   std::atomic<bool> cache_advice_given{false};
 
+  std::atomic<bool> directory_refused{false};  // the device refused the names of its files once
+
   // Of the files that are deleted after the release; empty: none are.
   std::string files_directory;
   std::string files_name;
@@ -146,6 +148,9 @@ struct korvex_runtime_s {
 };
 
 inline constexpr std::uint64_t runtime_closed = std::uint64_t{1} << 63;
+
+// Indexes on disk that this process has given up and not yet released: their files are in use.
+inline std::atomic<int> indexes_closing{0};
 
 // Gives up one claim; the last one after the close releases the index. Safe on any thread.
 void runtime_release_use(korvex_runtime_s* runtime);

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <string>
 
+#include "engine/index_files.h"
 #include "engine/points.h"
 #include "runtime/platform/files.h"
 
@@ -15,9 +16,10 @@ std::uint64_t disk_bytes(const hnsw_s* hnsw) {
   const std::string name = hnsw->name;
   std::uint64_t bytes = 0;
   for (const platform::directory_entry& entry : platform::list_directory(hnsw->directory)) {
-    const bool own = entry.name == name + ".korvex" || entry.name.starts_with(name + "-");
-    if (!own || !entry.regular || !entry.name.ends_with(".korvex")) continue;
     const std::string path = std::string(hnsw->directory) + "/" + entry.name;
+    const bool own = entry.name == name + ".korvex" ||
+                     (is_block_file_of(name, entry.name) && !holds_index(path));
+    if (!own || !entry.regular) continue;
     const std::uint64_t allocated = platform::allocated_bytes(path.c_str());
     bytes += allocated != 0 ? allocated : entry.size;
   }

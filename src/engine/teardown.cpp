@@ -63,6 +63,23 @@ bool nothing_left_undone(const hnsw_s* hnsw) {
          hnsw->taken == hnsw->added && hnsw->runtime->running_threads.load() == 0;
 }
 
+void release_members(korvex_runtime_s* runtime) {
+  hnsw_s* const hnsw = runtime->hnsw;
+  if (runtime->search.release != nullptr) runtime->search.release(hnsw);
+  runtime->inline_linker.reset();
+  runtime->idle_scratch.clear();
+  korvex_release_stores(hnsw);
+  delete hnsw->distance;
+  if (hnsw->search_pool != nullptr) mempool_destroy(hnsw->search_pool);
+  jobq_cleanup(hnsw->search_queue);
+  cond_destroy(&runtime->add_cond);
+}
+
+// The flag tells the next opening that every other page is as it should be, so it reaches the device after them.
+void vouch_for_everything(hnsw_s* hnsw, persistent_malloc_s* manager) {
+  if (hnsw->clean_close == 0 && persistent_malloc_sync(manager) == 0) hnsw->clean_close = 1;
+}
+
 }  // namespace
 
 void korvex_free(hnsw_s* hnsw) {
@@ -86,8 +103,8 @@ void korvex_free(hnsw_s* hnsw) {
     runtime->files_name = hnsw->name != nullptr ? hnsw->name : "";
   }
   park_strings(hnsw);
-  if (hnsw->memory_manager != nullptr) persistent_malloc_unlock(hnsw->memory_manager);
 
+  if (hnsw->on_disk != 0) indexes_closing.fetch_add(1);
   // The host's claim goes; threads that stay inside a callback release the rest when they leave.
   runtime_add_handle(runtime);
   runtime->users.fetch_or(runtime_closed);
@@ -100,27 +117,24 @@ void korvex_free(hnsw_s* hnsw) {
 
 void korvex_release(korvex_runtime_s* runtime) {
   hnsw_s* const hnsw = runtime->hnsw;
+  const bool on_disk = hnsw->on_disk != 0;
   // The stores before the record that vouches for them.
   const bool clean = nothing_left_undone(hnsw) && korvex_sync_stores(hnsw, 0);
-  if (runtime->search.release != nullptr) runtime->search.release(hnsw);
-  runtime->inline_linker.reset();
-  runtime->idle_scratch.clear();
-  korvex_release_stores(hnsw);
-  delete hnsw->distance;
-  hnsw->distance = nullptr;
-  if (hnsw->search_pool != nullptr) mempool_destroy(hnsw->search_pool);
-  hnsw->search_pool = nullptr;
-  jobq_cleanup(hnsw->search_queue);
-  hnsw->search_queue = nullptr;
-  cond_destroy(&runtime->add_cond);
+  release_members(runtime);
   persistent_malloc_s* const manager = hnsw->memory_manager;
-  if (clean) hnsw->clean_close = 1;
   clear_process_fields(hnsw);
-  persistent_free(manager, hnsw);
-  persistent_malloc_destroy(manager);
-  // On some systems a mapped file cannot be deleted: last of all.
-  if (!runtime->files_directory.empty())
-    delete_index_files(runtime->files_directory, runtime->files_name);
+  // The lock of the index file goes last: nobody opens what is still being written or deleted.
+  if (runtime->files_directory.empty()) {
+    if (clean) vouch_for_everything(hnsw, manager);
+    persistent_free(manager, hnsw);
+    persistent_malloc_destroy(manager);
+  } else {
+    // A deletion that is cut off must not leave a record that asks for lost files.
+    hnsw->durable = 0;
+    delete_files_beside_index(runtime->files_directory, runtime->files_name);
+    persistent_malloc_destroy_and_remove(manager);
+  }
+  if (on_disk) indexes_closing.fetch_sub(1);
 }
 
 int korvex_get_thread_index(hnsw_s* hnsw) {

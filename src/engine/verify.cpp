@@ -216,8 +216,8 @@ class directory_check {
          platform::list_directory(report_.directory.c_str())) {
       const auto known = index_.claimed.find(entry.name);
       const bool stray = known == index_.claimed.end();
-      if (stray && !is_block_file_of(report_.name, entry.name)) continue;
       const std::string path = report_.directory + "/" + entry.name;
+      if (stray && (!is_block_file_of(report_.name, entry.name) || holds_index(path))) continue;
       report_.files.push_back({entry.name, stray ? "unknown" : known->second, entry.size,
                                platform::allocated_bytes(path.c_str())});
       if (stray && report_.record.shape_valid != 0)

@@ -106,10 +106,15 @@ bool lock_if_allowed(const mmap_handle_t& mapping) {
   return set_memory_lock_limits(mapping.size) == 1 && lock_memory(mapping.data, mapping.size) == 0;
 }
 
-void release_file(mmap_handle_t* mapping) {
-  sync_persistent_memory(mapping);
+// Some systems remove no file that is mapped: unmapped first, unlocked last. The closing alone would not unlock it for
+// a child process that inherited the descriptor.
+void release_file(mmap_handle_t* mapping, const char* path_to_remove) {
+  if (path_to_remove == nullptr) sync_persistent_memory(mapping);
   if (mapping->locked) unlock_memory(mapping->data, mapping->size);
   platform::unmap_file(mapping->data, mapping->size, mapping->mapping_handle);
+  if (path_to_remove != nullptr && platform::is_file_at(mapping->fd, path_to_remove))
+    platform::remove_file(path_to_remove);
+  platform::unlock_file(mapping->fd);
   platform::close_file(mapping->fd);
 }
 
@@ -184,7 +189,13 @@ void platform_munmap(mmap_handle_t* mapping) {
   if (mapping->anonymous)
     release_anonymous(mapping);
   else if (mapping->fd >= 0)
-    release_file(mapping);
+    release_file(mapping, nullptr);
+  *mapping = {};
+}
+
+void platform_munmap_and_remove(mmap_handle_t* mapping, const char* path) {
+  if (mapping == nullptr || mapping->data == nullptr || mapping->fd < 0) return;
+  release_file(mapping, path);
   *mapping = {};
 }
 
@@ -195,7 +206,8 @@ int sync_persistent_memory(mmap_handle_t* mapping) {
   // Both, even if the first fails: what can be saved is saved.
   const int view = platform::flush_view(mapping->data, mapping->size);
   const int device = platform::sync_file(mapping->fd);
-  return view == 0 && device == 0 ? 0 : -1;
+  if (view != 0 || device != 0) mapping->flush_refused = 1;
+  return mapping->flush_refused == 0 ? 0 : -1;
 }
 
 int mapping_reserve(mmap_handle_t* mapping, unsigned long long upto_bytes) {

@@ -21,7 +21,8 @@ struct mmap_handle_t {
   std::uint8_t file_backed = 0;
   std::uint32_t existed = 0;  // an existing file was opened, none was made
   std::uint32_t anonymous = 0;
-  std::uint64_t last_sync = 0;  // time_usec() of the last flush
+  std::uint64_t last_sync = 0;      // time_usec() of the last flush
+  std::uint32_t flush_refused = 0;  // by the device, once or more
   void* mapping_handle = nullptr;
 
   // For platform_munmap and mapping_reserve only.
@@ -52,8 +53,12 @@ mmap_handle_t platform_mmap_anon(unsigned long long size, unsigned long long ali
 // records are left alone.
 void platform_munmap(mmap_handle_t* mapping);
 
+// The same, and removes the file at that path, unless another one stands there by now, while whoever holds its lock
+// still holds it.
+void platform_munmap_and_remove(mmap_handle_t* mapping, const char* path);
+
 // Puts everything written into a file mapping on the device; other records are left alone. 0, or -1
-// when the device refused.
+// when the device refused, now or earlier: a system may take what it could not write for written.
 int sync_persistent_memory(mmap_handle_t* mapping);
 
 // Makes sure that the first upto_bytes of a file mapping have room on disk, so that touching them

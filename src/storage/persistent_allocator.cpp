@@ -138,11 +138,13 @@ void* find_or_append(persistent_malloc_s* allocator, std::uint64_t id, std::uint
   return data;
 }
 
-// What an opened file needs before its blocks can be used. Requires the file's lock.
+// What an opened file needs before its blocks can be used. Requires the file's lock. A file of our making may hold
+// somebody else's blocks by the time it is locked.
 bool repair_and_compact(mmap_handle_t* file, const char* path) {
-  if (file->existed && !persistent_file_recover(file, path)) return false;
   const auto* header = static_cast<const persistent_header_s*>(file->data);
-  if (!file->existed || header->magic != persistent_magic)
+  const bool fresh = !file->existed && header->magic != persistent_magic;
+  if (!fresh && !persistent_file_recover(file, path)) return false;
+  if (header->magic != persistent_magic)
     return persistent_file_discard_saved(path) && persistent_file_reset(file, path);
   if (!persistent_file_validate(*file)) return false;
   if (!persistent_file_reserve(file, header->used_size, path)) return false;
@@ -154,13 +156,6 @@ bool look_only(mmap_handle_t* file, const char* path) {
   return persistent_file_validate(*file) &&
          persistent_file_reserve(
              file, static_cast<const persistent_header_s*>(file->data)->used_size, path);
-}
-
-bool prepare_file(mmap_handle_t* file, const char* path) {
-  if (platform::lock_file(file->fd) != 0) return look_only(file, path);
-  const bool ready = repair_and_compact(file, path);
-  platform::unlock_file(file->fd);
-  return ready;
 }
 
 mmap_handle_t map_file(const char* path, unsigned size) {
@@ -179,16 +174,37 @@ mmap_handle_t map_file(const char* path, unsigned size) {
   return file;
 }
 
-bool open_file(persistent_malloc_s* allocator, const char* path, unsigned size) {
-  allocator->path = path;
-  mmap_handle_t file = map_file(path, size);
-  if (file.data == nullptr) return false;
-  if (!prepare_file(&file, path)) {
-    const bool existed = file.existed != 0;
-    platform_munmap(&file);
-    if (!existed) platform::remove_file(path);
-    return false;
+enum class preparation { ready, failed, moved };
+
+// Somebody may have removed or replaced the file before it was locked: then it is nobody's any more.
+preparation prepare_file(mmap_handle_t* file, const char* path) {
+  const bool locked = platform::lock_file(file->fd) == 0;
+  if (!platform::is_file_at(file->fd, path)) {
+    platform_munmap(file);
+    return preparation::moved;
   }
+  if (locked ? repair_and_compact(file, path) : look_only(file, path)) {
+    if (locked) platform::unlock_file(file->fd);
+    return preparation::ready;
+  }
+  if (locked && !file->existed)
+    platform_munmap_and_remove(file, path);
+  else
+    platform_munmap(file);
+  return preparation::failed;
+}
+
+bool open_file(persistent_malloc_s* allocator, const char* path, unsigned size) {
+  constexpr int attempts = 10;
+  allocator->path = path;
+  mmap_handle_t file;
+  preparation result = preparation::moved;
+  for (int i = 0; i < attempts && result == preparation::moved; ++i) {
+    file = map_file(path, size);
+    if (file.data == nullptr) return false;
+    result = prepare_file(&file, path);
+  }
+  if (result != preparation::ready) return false;
   allocator->mapping = file;
   allocator->base = file.data;
   allocator->header = static_cast<persistent_header_s*>(file.data);
@@ -261,13 +277,20 @@ void persistent_free(persistent_malloc_s* allocator, void* block) {
 
 void persistent_malloc_destroy(persistent_malloc_s* allocator) {
   if (allocator == nullptr) return;
-  persistent_malloc_unlock(allocator);
   {
     const mutex_guard guard(&allocator->mutex);
     platform_munmap(&allocator->mapping);
   }
   mutex_delete(&allocator->mutex);
   delete allocator;
+}
+
+void persistent_malloc_destroy_and_remove(persistent_malloc_s* allocator) {
+  if (has_file(allocator)) {
+    const mutex_guard guard(&allocator->mutex);
+    platform_munmap_and_remove(&allocator->mapping, allocator->path.c_str());
+  }
+  persistent_malloc_destroy(allocator);
 }
 
 std::uint64_t persistent_malloc_total_size(persistent_malloc_s* allocator) {
@@ -295,7 +318,11 @@ int persistent_malloc_sync(persistent_malloc_s* allocator) {
 int persistent_malloc_lock(persistent_malloc_s* allocator) {
   if (!has_file(allocator)) return 0;
   const mutex_guard guard(&allocator->mutex);
-  if (!allocator->file_lock) allocator->file_lock = platform::lock_file(allocator->mapping.fd) == 0;
+  if (allocator->file_lock) return 0;
+  const int fd = allocator->mapping.fd;
+  if (platform::lock_file(fd) != 0) return -1;
+  allocator->file_lock = platform::is_file_at(fd, allocator->path.c_str());
+  if (!allocator->file_lock) platform::unlock_file(fd);
   return allocator->file_lock ? 0 : -1;
 }
 

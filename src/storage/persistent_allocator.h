@@ -51,19 +51,21 @@ void* persistent_malloc(persistent_malloc_s* allocator, long long id, unsigned l
 // Releases a heap block; null is ignored, and so are all blocks of a file.
 void persistent_free(persistent_malloc_s* allocator, void* block);
 
-// Flushes, unmaps and forgets; the file stays. Heap blocks stay too.
+// Flushes, unmaps and forgets; the file stays, and its lock goes last. Heap blocks stay too.
 void persistent_malloc_destroy(persistent_malloc_s* allocator);
+// The same, and removes the file before its lock goes.
+void persistent_malloc_destroy_and_remove(persistent_malloc_s* allocator);
 
 // 0 without a file.
 std::uint64_t persistent_malloc_total_size(persistent_malloc_s* allocator);
 std::uint64_t persistent_malloc_used_size(persistent_malloc_s* allocator);
 int persistent_malloc_is_locked(persistent_malloc_s* allocator);  // its pages are locked in memory
 
-// Puts the file on its device. 0, or -1 when the device refused.
+// Puts the file on its device. 0, or -1 when the device refused, now or since the opening.
 int persistent_malloc_sync(persistent_malloc_s* allocator);
 
 // Keeps other users of the file out, in this process and others, until unlocked or destroyed. 0, or -1
-// when somebody else holds it. One lock, not counted. 0 without a file.
+// when somebody else holds it or the file is no longer where it was opened. One lock, not counted. 0 without a file.
 int persistent_malloc_lock(persistent_malloc_s* allocator);
 void persistent_malloc_unlock(persistent_malloc_s* allocator);
 

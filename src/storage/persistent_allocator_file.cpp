@@ -40,8 +40,7 @@ bool save_used_part(const mmap_handle_t& file, const std::string& saved) {
   const bool done = platform::write_all(fd, file.data, used) &&
                     platform::write_all(fd, &digest, sizeof digest) && platform::sync_file(fd) == 0;
   platform::close_file(fd);
-  if (done) platform::sync_directory(directory_of(saved).c_str());
-  return done;
+  return done && platform::sync_directory(directory_of(saved).c_str()) == 0;
 }
 
 bool flush(mmap_handle_t* file, const char* path) {

@@ -8,7 +8,17 @@
 // device. Empty in production; the cost is one relaxed load an operation.
 namespace korvex::platform {
 
-enum class fault_point { open, resize, reserve, map_file, map_anonymous, heap, thread, lock };
+enum class fault_point {
+  open,
+  resize,
+  reserve,
+  map_file,
+  map_anonymous,
+  heap,
+  thread,
+  lock,
+  flush
+};
 
 // Answers true to make this one operation fail as the system would.
 using fault_hook = bool (*)(fault_point point);

@@ -60,14 +60,17 @@ int set_file_size(int fd, std::uint64_t size);
 int reserve_file_range(int fd, std::uint64_t offset, std::uint64_t size);
 // Puts everything written so far on the device. 0 or -1.
 int sync_file(int fd);
-// Makes the entries of a directory survive a power cut. Not every system can, or needs to.
-void sync_directory(const char* directory);
+// Makes the entries of a directory survive a power cut. 0, also where a system cannot or need not, or -1.
+int sync_directory(const char* directory);
 
 // Advisory exclusive lock on a whole open file, without waiting: 0, or -1 when somebody else holds
 // it, be it through another descriptor of this process. A file system without locks counts as
 // success.
 int lock_file(int fd);
 void unlock_file(int fd);
+// Whether the path still leads to the open file: somebody may have removed or replaced it. True when the system does
+// not tell.
+bool is_file_at(int fd, const char* path);
 
 // Creates a directory and all its parents, for their owner only; 0 or -1. An existing one is success.
 int create_directories(const char* path);

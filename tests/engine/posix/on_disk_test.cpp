@@ -6,10 +6,13 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "engine/disk_fixture.h"
 #include "engine/posix/child_process.h"
 #include "engine/startup.h"
+#include "engine/verify.h"
+#include "runtime/platform/clock.h"
 
 namespace korvex::test {
 namespace {
@@ -102,6 +105,26 @@ TEST(SecondOpener, IsRefused) {
     EXPECT_EQ(found(index, data, data.size()), data.size());
   }
   const disk_index again(directory.path(), "one", {});
+  EXPECT_EQ(found(again, data, data.size()), data.size());
+}
+
+// A thread may leave an index after it was given up. Until then the files are in use, and nobody else comes in.
+TEST(SecondOpener, WaitsForTheLastThreadOfTheFirst) {
+  const scratch_directory directory;
+  const cloud data = make_clusters(100, 8, 5);
+  hnsw_s* const first = korvex_init(8, 0, directory.path().c_str(), "one");
+  ASSERT_NE(first, nullptr);
+  korvex_set_threads(first, 0);
+  add_until_refused(first, data);
+  runtime_use late(first->runtime);
+  korvex_free(first);
+  EXPECT_TRUE(korvex_verify_directory(directory.path(), "one", {}).in_use);
+  std::thread thread([&] {
+    platform::sleep_usec(50'000);
+    runtime_release_use(late.detach());
+  });
+  const disk_index again(directory.path(), "one", {});
+  thread.join();
   EXPECT_EQ(found(again, data, data.size()), data.size());
 }
 

@@ -194,15 +194,21 @@ int reserve_file_range(int fd, std::uint64_t offset, std::uint64_t size) {
 }
 
 int sync_file(int fd) {
+  if (fault_injected(fault_point::flush)) {
+    errno = EIO;
+    return -1;
+  }
   if (uninterrupted([&] { return ::fsync(fd); }) != 0) return -1;
   report_flush(fd, nullptr, 0);
   return 0;
 }
 
-void sync_directory(const char* directory) {
+int sync_directory(const char* directory) {
   const int fd = open_file(directory, open_mode::read_only);
-  if (fd >= 0) sync_file(fd);
+  if (fd < 0) return -1;
+  const bool done = sync_file(fd) == 0 || errno == EINVAL || errno == EOPNOTSUPP;
   close_file(fd);
+  return done ? 0 : -1;
 }
 
 int lock_file(int fd) {
@@ -215,6 +221,14 @@ int lock_file(int fd) {
 
 void unlock_file(int fd) {
   ::flock(fd, LOCK_UN);
+}
+
+bool is_file_at(int fd, const char* path) {
+  struct stat open {};
+  struct stat named {};
+  if (::fstat(fd, &open) != 0) return true;
+  if (::stat(path, &named) != 0) return errno != ENOENT;
+  return open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
 int remove_file(const char* path) {

@@ -52,6 +52,13 @@ std::int64_t move_all(std::uint64_t size, Step step) {
   return static_cast<std::int64_t>(done);
 }
 
+// In nobody's way. Null, with GetLastError(), when it is not there.
+unique_handle open_for_facts(const char* path) {
+  constexpr DWORD share_all = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  return owned(::CreateFileW(wide_path(path).c_str(), FILE_READ_ATTRIBUTES, share_all, nullptr,
+                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+}
+
 bool is_device(const wchar_t* path) {
   wchar_t full[16];
   const DWORD size = ::GetFullPathNameW(path, 16, full, nullptr);
@@ -71,11 +78,7 @@ file_status status_of(const char* path) {
 }
 
 std::uint64_t allocated_bytes(const char* path) {
-  const std::wstring wide = wide_path(path);
-  constexpr DWORD share_all = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  const unique_handle file =
-      owned(::CreateFileW(wide.c_str(), FILE_READ_ATTRIBUTES, share_all, nullptr, OPEN_EXISTING,
-                          FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  const unique_handle file = open_for_facts(path);
   if (!file) return 0;
   FILE_STANDARD_INFO info{};
   if (!::GetFileInformationByHandleEx(file.get(), FileStandardInfo, &info, sizeof info)) return 0;
@@ -153,6 +156,10 @@ int reserve_file_range(int fd, std::uint64_t offset, std::uint64_t size) {
 }
 
 int sync_file(int fd) {
+  if (fault_injected(fault_point::flush)) {
+    errno = EIO;
+    return -1;
+  }
   const HANDLE file = handle_of(fd);
   if (file == INVALID_HANDLE_VALUE) return -1;
   if (!::FlushFileBuffers(file)) return fail();
@@ -160,7 +167,10 @@ int sync_file(int fd) {
   return 0;
 }
 
-void sync_directory(const char* /*directory*/) {}  // the file system's own log keeps names
+// The file system's own log keeps names.
+int sync_directory(const char* /*directory*/) {
+  return 0;
+}
 
 int lock_file(int fd) {
   const HANDLE file = handle_of(fd);
@@ -176,6 +186,19 @@ int lock_file(int fd) {
 void unlock_file(int fd) {
   OVERLAPPED place = at_offset(lock_offset);
   ::UnlockFileEx(handle_of(fd), 0, 1, 0, &place);
+}
+
+bool is_file_at(int fd, const char* path) {
+  BY_HANDLE_FILE_INFORMATION open{};
+  BY_HANDLE_FILE_INFORMATION named{};
+  if (!::GetFileInformationByHandle(handle_of(fd), &open)) return true;
+  const unique_handle file = open_for_facts(path);
+  // A file that is removed while somebody has it open keeps its name until then, for nobody.
+  if (!file && ::GetLastError() == ERROR_ACCESS_DENIED) return false;
+  if (!file) return ::GetLastError() != ERROR_FILE_NOT_FOUND;
+  if (!::GetFileInformationByHandle(file.get(), &named)) return true;
+  return open.dwVolumeSerialNumber == named.dwVolumeSerialNumber &&
+         open.nFileIndexHigh == named.nFileIndexHigh && open.nFileIndexLow == named.nFileIndexLow;
 }
 
 int remove_file(const char* path) {
