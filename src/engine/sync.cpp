@@ -11,11 +11,14 @@ namespace korvex {
 
 namespace {
 
-bool sync_store(vectpool_c* store, unsigned min_interval) {
-  if (store == nullptr) return true;
-  const std::uint32_t refused = store->syncs_refused();
-  store->sync(min_interval);
-  return store->syncs_refused() == refused;
+vector_sync_result sync_every_store(const korvex_runtime_s& runtime, unsigned min_interval) {
+  auto worst = vector_sync_result::done;
+  const auto sync_one = [&](vectpool_c* store) {
+    if (store != nullptr) worst = std::max(worst, store->sync_told(min_interval));
+  };
+  for (vectpool_c* const store : runtime.store) sync_one(store);
+  sync_one(runtime.star_pool);
+  return worst;
 }
 
 }  // namespace
@@ -23,14 +26,13 @@ bool sync_store(vectpool_c* store, unsigned min_interval) {
 bool korvex_sync_stores(hnsw_s* hnsw, unsigned min_interval) {
   // Before that the stores are still being made.
   if (load_counter(hnsw->memory_initialised) == 0) return true;
-  const korvex_runtime_s& runtime = *hnsw->runtime;
+  korvex_runtime_s& runtime = *hnsw->runtime;
   const std::uint32_t added = load_counter(hnsw->added);
-  bool done = true;
-  for (vectpool_c* const store : runtime.store) done = sync_store(store, min_interval) && done;
-  done = sync_store(runtime.star_pool, min_interval) && done;
-  if (hnsw->directory != nullptr) platform::sync_directory(hnsw->directory);
-  // With an interval some may have been skipped.
-  if (!done || min_interval != 0) return done;
+  const vector_sync_result result = sync_every_store(runtime, min_interval);
+  if (hnsw->directory != nullptr && platform::sync_directory(hnsw->directory) != 0)
+    runtime.directory_refused.store(true);
+  if (result == vector_sync_result::refused || runtime.directory_refused.load()) return false;
+  if (result == vector_sync_result::skipped) return true;
   const std::atomic_ref durable(hnsw->durable);
   durable.store(std::max(durable.load(), added));
   return true;

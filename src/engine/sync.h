@@ -11,11 +11,12 @@ namespace korvex {
 // its own to sync.
 // Threads   beside everything but the teardown; points that are being added meanwhile may come with
 //           the next sync
-// Failure   -1: null, or the device refused
+// Failure   -1: null, or the device refused, now or since the opening: what it did not take then may never
+//           have reached it
 int korvex_sync_to_disk(hnsw_s* hnsw, unsigned min_interval);
 
-// The stores alone. True when all of them are on the device: the record then says, once it is
-// written, up to which point a crash cannot have harmed them.
+// The stores alone. False when the device refused one of them, now or since the opening. When none was skipped
+// either, the record then says, once it is written, up to which point a crash cannot have harmed them.
 // Threads   as above
 bool korvex_sync_stores(hnsw_s* hnsw, unsigned min_interval);
 

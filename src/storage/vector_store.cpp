@@ -300,20 +300,26 @@ bool vector_set_refused_aside(vector_manager_s* m) {
   return store::set_aside_from(*m, m->block_count.load(std::memory_order_relaxed));
 }
 
-int vector_sync(vector_manager_s* m, unsigned min_interval) {
-  if (m == nullptr || m->persistent == 0) return 0;
+vector_sync_result vector_sync_told(vector_manager_s* m, unsigned min_interval) {
+  if (m == nullptr || m->persistent == 0) return vector_sync_result::done;
   const auto now = static_cast<std::uint32_t>(platform::time_usec() / 1000000);
   const std::uint32_t last = m->last_sync.load(std::memory_order_relaxed);
-  if (min_interval != 0 && now - last < min_interval) return 0;
+  if (min_interval != 0 && now - last < min_interval) return vector_sync_result::skipped;
   m->last_sync.store(now, std::memory_order_relaxed);
 
+  auto result = vector_sync_result::done;
   const std::lock_guard guard(m->mutex);
   const vector_block_s* blocks = m->blocks.load(std::memory_order_relaxed);
   const std::uint32_t count = m->block_count.load(std::memory_order_relaxed);
   for (std::uint32_t i = 0; i < count; ++i) {
     store::header_of(blocks[i]).last_sync = now;
-    if (sync_persistent_memory(blocks[i].mapping) != 0) m->syncs_refused.fetch_add(1);
+    if (sync_persistent_memory(blocks[i].mapping) != 0) result = vector_sync_result::refused;
   }
+  return result;
+}
+
+int vector_sync(vector_manager_s* m, unsigned min_interval) {
+  vector_sync_told(m, min_interval);
   return 0;
 }
 

@@ -71,7 +71,6 @@ struct alignas(64) vector_manager_s {
   alignas(64) std::atomic<std::uint32_t> next_id{0};
   std::atomic<std::uint32_t> block_count{0};
   std::atomic<std::uint32_t> last_sync{0};  // seconds
-  std::atomic<std::uint32_t> syncs_refused{0};
 
   // Fixed at creation.
   std::uint32_t lock = 0;
@@ -152,7 +151,11 @@ bool vector_complete_blocks(vector_manager_s* m);
 bool vector_set_refused_aside(vector_manager_s* m);
 
 // Flushes a persistent store to its files unless fewer than min_interval seconds passed since the
-// last time. 0.
+// last time. What became of it: done when everything that was written before the call is on the
+// device, refused when the device did not take a block, now or earlier.
+enum class vector_sync_result { done, skipped, refused };
+vector_sync_result vector_sync_told(vector_manager_s* m, unsigned min_interval);
+// The same. 0.
 int vector_sync(vector_manager_s* m, unsigned min_interval);
 // The same for every registered store of the process. 0.
 int vector_sync_all(unsigned min_interval);
@@ -175,9 +178,8 @@ class vectpool_c {
   bool complete_blocks() { return vector_complete_blocks(manager_); }
   bool set_refused_aside() { return vector_set_refused_aside(manager_); }
   int sync(unsigned min_interval) { return vector_sync(manager_, min_interval); }
-  // How often the device refused a block.
-  std::uint32_t syncs_refused() const {
-    return manager_->syncs_refused.load(std::memory_order_relaxed);
+  vector_sync_result sync_told(unsigned min_interval) {
+    return vector_sync_told(manager_, min_interval);
   }
 
   unsigned record_size() const { return manager_->record_size; }
