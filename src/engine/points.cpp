@@ -18,6 +18,11 @@ std::uint64_t* label_word(hnsw_s* hnsw, std::uint32_t public_id) {
   return static_cast<std::uint64_t*>(word);
 }
 
+bool is_lost(const korvex_runtime_s& runtime, std::uint32_t id) {
+  const graph_record graph = graph_of(runtime, id);
+  return graph && graph.unlinkable();
+}
+
 bool labels_on(const hnsw_s* hnsw) {
   return hnsw != nullptr && is_started(hnsw) && hnsw->runtime->labels;
 }
@@ -92,7 +97,8 @@ std::uint64_t korvex_set_label(hnsw_s* hnsw, std::uint32_t id, std::uint64_t lab
   std::uint64_t* const word = label_word(hnsw, id);
   if (word == nullptr) return 0;
   const std::uint64_t before = std::atomic_ref<std::uint64_t>(*word).exchange(label);
-  clear_flags(*hnsw->runtime, id + 1, flag_data | flag_deleted);
+  const bool lost = is_lost(*hnsw->runtime, id + 1);
+  clear_flags(*hnsw->runtime, id + 1, lost ? flag_data : flag_data | flag_deleted);
   return before;
 }
 
@@ -116,10 +122,12 @@ int korvex_delete(hnsw_s* hnsw, std::uint32_t id, int undelete) {
   if (hnsw == nullptr || !is_started(hnsw) || id >= load_counter(hnsw->added) ||
       flags_of(*hnsw->runtime, id + 1) == nullptr)
     return -1;
-  if (undelete == 0)
+  if (undelete == 0) {
     set_flags(*hnsw->runtime, id + 1, flag_deleted);
-  else
-    clear_flags(*hnsw->runtime, id + 1, flag_deleted);
+    return 0;
+  }
+  if (is_lost(*hnsw->runtime, id + 1)) return -1;
+  clear_flags(*hnsw->runtime, id + 1, flag_deleted);
   return 0;
 }
 

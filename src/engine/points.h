@@ -34,6 +34,8 @@ class graph_record {
   float worst() const;
   void set_worst(float key);
   void clear_handover();
+  // The point never was complete: it keeps its id, is no answer and is never linked.
+  bool unlinkable() const { return slot(0) == 0 && slot(3) == unlinkable_marker; }
   const void* address() const { return words_; }
 
  private:
@@ -80,6 +82,7 @@ std::uint64_t korvex_set_label(hnsw_s* hnsw, std::uint32_t id, std::uint64_t lab
 // not exist.
 bool korvex_change_label(hnsw_s* hnsw, std::uint32_t id, std::uint64_t label);
 void korvex_set_data(hnsw_s* hnsw, std::uint32_t id, void* data, int unused);
+// A point that never was complete cannot be undeleted: -1, and a label does not bring it back either.
 int korvex_delete(hnsw_s* hnsw, std::uint32_t id, int undelete);
 
 // Whether a point is the first of its probe.

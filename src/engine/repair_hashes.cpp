@@ -37,11 +37,7 @@ class hash_repair {
   std::uint32_t run(std::vector<bool>* claimed) {
     if (seed_ != 0 && has_anchor())
       return vector_hash_mend(hash_, claimed, [this](std::uint32_t id) { return belongs(id); });
-    vector_hash_clear(hash_);
-    if (seed_ == 0) return 0;
-    set_anchor();
-    for (std::uint32_t id = seed_ + 1; id < repair_.size; ++id)
-      if (belongs(id)) add(id);
+    fill_anew();
     return 0;
   }
 
@@ -60,9 +56,13 @@ class hash_repair {
                       [](float a, float b) { return a == b || !(std::fabs(a - b) > tolerance); });
   }
 
-  void set_anchor() {
+  void fill_anew() {
+    if (seed_ == 0) return vector_hash_begin_anew(hash_, nullptr);
     normalize_vector(vector_of(runtime_, seed_), unit(), hnsw_->dimension);
-    vector_hash_set_ep_id(hash_, seed_, unit());
+    vector_hash_begin_anew(hash_, unit());
+    for (std::uint32_t id = seed_ + 1; id < repair_.size; ++id)
+      if (belongs(id)) add(id);
+    vector_hash_finish(hash_, seed_);
   }
 
   void add(std::uint32_t id) {

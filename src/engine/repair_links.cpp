@@ -90,7 +90,7 @@ void queue_unlinked(repair_s* repair) {
     }
     if (unlinked || !held[id]) runtime.relink.push_back({0, handed_over_entry(*repair, id), id, 0});
   }
-  repair->hnsw->duplicates = duplicates;
+  std::atomic_ref(repair->hnsw->duplicates).store(duplicates);
 }
 
 }  // namespace korvex

@@ -95,9 +95,8 @@ class record_repair {
   }
 
   bool emptied_before(std::uint32_t id) const {
-    const graph_record graph = graph_of(runtime_, id);
     const std::uint8_t flags = std::atomic_ref<std::uint8_t>(*flags_of(runtime_, id)).load();
-    return (flags & flag_deleted) != 0 && graph.slot(0) == 0 && graph.slot(3) == unlinkable_marker;
+    return (flags & flag_deleted) != 0 && graph_of(runtime_, id).unlinkable();
   }
 
   repair_s& repair_;

@@ -85,7 +85,10 @@ void choose_units(hnsw_s* hnsw, std::uint64_t budget) {
 // Bytes of the disk cache, 0 for none.
 std::uint64_t disk_cache_bytes(hnsw_s* hnsw, std::uint64_t budget) {
   if (hnsw->on_disk == 0) return 0;
-  if (hnsw->disk_cache_size == 0 || hnsw->disk_cache_size >= 100) return hnsw->disk_cache_size;
+  // More than the machine has was asked for on another one, or never.
+  const std::uint64_t most = std::max<std::uint64_t>(platform::available_memory(), 100);
+  if (hnsw->disk_cache_size == 0 || hnsw->disk_cache_size >= 100)
+    return std::min(hnsw->disk_cache_size, most);
   const std::uint64_t bytes = hnsw->disk_cache_size * budget / 100;
   if (bytes <= percentage_cache_limit) return bytes;
   hnsw->disk_cache_size = percentage_cache_limit;

@@ -14,11 +14,9 @@ struct korvex_runtime_s;
 // Whether it is a record of the opener's dimension and instance, with sizes that may be trusted.
 bool record_matches(const hnsw_s& stored, std::uint32_t dimension, std::uint8_t instance_id);
 
-// Whether points were put on the device but the file is not there that holds the first vectors: the sizes that
-// name it are wrong, or somebody took it away. Going on would give up every point. Requires a record
-// that matches.
-bool points_without_vectors(const hnsw_s& stored, const std::string& directory,
-                            const std::string& name);
+// Whether vectors that were put on the device are not there any more, which a line then tells, or the record's sizes
+// are not those of the files. Going on would give up points. Requires a record that matches.
+bool stores_are_lost(const hnsw_s& stored, const std::string& directory, const std::string& name);
 
 // Sets right what the engine indexes and computes with, where only a damaged file says otherwise.
 void settle_record(hnsw_s* hnsw);

@@ -161,7 +161,10 @@ void store_view::check_header(const vector_block_header_s& header, std::uint64_t
 }
 
 std::uint32_t index_view::size() const {
-  return std::min({vectors().size(), graph().size(), magnitudes().size(), flags().size()});
+  const std::uint32_t size =
+      std::min({vectors().size(), graph().size(), magnitudes().size(), flags().size()});
+  // One more is the id that a failed addition left for the next one.
+  return clean_close && size == record.added + 2 ? record.added + 1 : size;
 }
 
 std::vector<std::uint32_t> index_view::neighbours(std::uint32_t id) const {

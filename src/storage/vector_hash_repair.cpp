@@ -1,6 +1,7 @@
 #include "storage/vector_hash_repair.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cfloat>
 
 #include "storage/vector_store.h"
@@ -102,11 +103,18 @@ std::uint32_t vector_hash_mend(vector_hash_s* vh, std::vector<bool>* claimed,
   return hash_mender(vh, claimed, usable).run();
 }
 
-void vector_hash_clear(vector_hash_s* vh) {
-  vh->ep_id = 0;
+void vector_hash_begin_anew(vector_hash_s* vh, const float* anchor) {
+  std::atomic_ref(vh->ep_id).store(0, std::memory_order_release);
   vh->arrays = vh->stars = 0;
   for (int i = 0; i < vector_hash_rings; ++i)
     vh->rings[i] = {0, 0, vh->rings[i].radius, 0, FLT_MIN, FLT_MAX};
+  if (anchor != nullptr) std::copy_n(anchor, vh->anchor_len, vh->anchor);
+}
+
+void vector_hash_finish(vector_hash_s* vh, std::uint32_t id) {
+  for (int i = 0; i < vector_hash_rings; ++i)
+    if (vh->rings[i].count != 0) vh->rings[i].id = id;
+  std::atomic_ref(vh->ep_id).store(id, std::memory_order_release);
 }
 
 }  // namespace korvex

@@ -19,8 +19,11 @@ namespace korvex {
 std::uint32_t vector_hash_mend(vector_hash_s* vh, std::vector<bool>* claimed,
                                const std::function<bool(std::uint32_t id)>& usable);
 
-// Forgets anchor and stars. The slots of the arrays stay unused.
-void vector_hash_clear(vector_hash_s* vh);
+// Forgets the stars and takes an anchor of anchor_len floats (null: none); points may then be added. The slots of the
+// old arrays stay unused.
+void vector_hash_begin_anew(vector_hash_s* vh, const float* anchor);
+// Gives the hash the id of its anchor, after all of its points were added: a hash that a kill left half filled has none.
+void vector_hash_finish(vector_hash_s* vh, std::uint32_t id);
 
 }  // namespace korvex
 

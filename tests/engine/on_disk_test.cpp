@@ -136,6 +136,33 @@ TEST(OnDisk, DestroyOnDeleteTakesAllOfTheIndexAndNothingOfOthers) {
   EXPECT_EQ(found(other, data, data.size()), data.size());
 }
 
+// "images" would call a file of its own so: two codes behind its name.
+TEST(OnDisk, AnIndexThatIsCalledLikeABlockFileOutlivesTheOther) {
+  const scratch_directory directory;
+  const std::string folder = folder_of(directory.path());
+  const cloud data = make_clusters(100, 8, 6);
+  const char* const others[] = {"images-train-large", "images-train", "image"};
+  for (const char* name : others) {
+    const disk_index index(directory.path(), name, {});
+    add_until_refused(index, data);
+  }
+  const std::set<std::string> files = names_in(folder);
+  {
+    const disk_index index(directory.path(), "images", {});
+    add_until_refused(index, data);
+  }
+  EXPECT_TRUE(korvex_verify_directory(folder, "images").clean());
+  {
+    const disk_index index(directory.path(), "images", {});
+    korvex_destroy_disk_index(index, 1);
+  }
+  EXPECT_EQ(names_in(folder), files);
+  for (const char* name : others) {
+    const disk_index index(directory.path(), name, {});
+    EXPECT_EQ(found(index, data, data.size()), data.size()) << name;
+  }
+}
+
 // The names of block files are no secret: one of them may be given to an index.
 TEST(OnDisk, AnIndexAndABlockFileOfOneNameKeepClear) {
   const scratch_directory directory;
@@ -195,6 +222,116 @@ TEST(OnDisk, MoreIndexesThanTheProcessListsStillSync) {
     }
   }
   platform::current_flush_hook.store(nullptr);
+}
+
+// ---- no room ----
+
+int resizes_before_failure = 0;
+
+// Of the id that a failed addition took nobody sees anything.
+TEST(OnDisk, AnAdditionWithoutRoomLeavesNoPoint) {
+  const scratch_directory directory;
+  const cloud data = make_clusters(66, 8, 13);
+  constexpr int n = 63;  // with the reserved record they fill the first blocks
+  const auto look = [&] {
+    const verify_report report = korvex_verify_directory(folder_of(directory.path()), "spare", {});
+    EXPECT_TRUE(report.clean());
+    EXPECT_EQ(report.statistics.points, static_cast<std::uint32_t>(n));
+    EXPECT_EQ(report.statistics.live, static_cast<std::uint32_t>(n));
+  };
+  for (const int blocks : {1, 2}) {  // of vectors, of links: the next one fails
+    SCOPED_TRACE(blocks);
+    std::filesystem::remove_all(folder_of(directory.path()));
+    {
+      const disk_index index(directory.path(), "spare", {});
+      for (int i = 0; i < n; ++i) korvex_add(index, data[i], 0);
+      resizes_before_failure = blocks;
+      platform::current_fault_hook = [](platform::fault_point point) {
+        return point == platform::fault_point::resize && resizes_before_failure-- <= 0;
+      };
+      EXPECT_EQ(korvex_add(index, data[n], 0), 0u);
+      platform::current_fault_hook = nullptr;
+    }
+    look();
+    {
+      // And nothing needs room until something is added.
+      const disk_index index(directory.path(), "spare", {});
+      platform::current_fault_hook = [](platform::fault_point point) {
+        return point == platform::fault_point::resize || point == platform::fault_point::reserve;
+      };
+      EXPECT_EQ(found(index, data, n), n);
+      EXPECT_EQ(korvex_add(index, data[n], 0), 0u);
+      platform::current_fault_hook = nullptr;
+      EXPECT_EQ(static_cast<hnsw_s*>(index)->added, static_cast<std::uint32_t>(n));
+    }
+    look();
+    const disk_index index(directory.path(), "spare", {});
+    EXPECT_EQ(add_until_refused(index, data, n), data.size());
+    EXPECT_EQ(found(index, data, data.size()), data.size());
+  }
+}
+
+// ---- what the device took ----
+
+int flushes_before_refusal = 0;
+
+// Each flush of a sync in turn. What a device did not take it may later call written.
+TEST(OnDisk, ARefusedSyncIsNeverForgotten) {
+  constexpr int flushes = 7;  // five stores of one block, their directory, the index file
+  const cloud data = make_clusters(40, 8, 11);
+  for (int flush = 0; flush <= flushes; ++flush) {
+    SCOPED_TRACE(flush);
+    const bool refused = flush < flushes;
+    const scratch_directory directory;
+    std::uint32_t durable = 0;
+    {
+      const disk_index index(directory.path(), "refused", {});
+      add_until_refused(index, data);
+      flushes_before_refusal = refused ? flush : 1'000;
+      platform::current_fault_hook = [](platform::fault_point point) {
+        return point == platform::fault_point::flush && flushes_before_refusal-- == 0;
+      };
+      EXPECT_EQ(korvex_sync_to_disk(index, 0), refused ? -1 : 0);
+      platform::current_fault_hook = nullptr;
+      EXPECT_EQ(korvex_sync_to_disk(index, 0), refused ? -1 : 0);
+      durable = static_cast<hnsw_s*>(index)->durable;
+    }
+    const hnsw_s record =
+        korvex_verify_directory(folder_of(directory.path()), "refused", {}).record;
+    EXPECT_EQ(record.clean_close, refused ? 0U : 1U);
+    EXPECT_EQ(record.durable, durable) << "not raised by the close";
+    const disk_index index(directory.path(), "refused", {});
+    EXPECT_EQ(found(index, data, data.size()), data.size());
+    EXPECT_EQ(korvex_sync_to_disk(index, 0), 0);
+    EXPECT_EQ(static_cast<hnsw_s*>(index)->durable, static_cast<std::uint32_t>(data.size()));
+  }
+}
+
+std::string flushed_path;
+std::vector<std::string> flushed_images;  // of an index file, one for each of its flushes
+
+TEST(OnDisk, TheCleanFlagGoesOutAfterEverythingElse) {
+  const scratch_directory directory;
+  flushed_path = folder_of(directory.path()) + "/flag.korvex";
+  flushed_images.clear();
+  {
+    const disk_index index(directory.path(), "flag", {});
+    add_until_refused(index, make_clusters(40, 8, 12));
+    platform::current_flush_hook.store([](int fd, const void*, std::uint64_t) {
+      if (fd < 0 || !platform::is_file_at(fd, flushed_path.c_str())) return;
+      std::string image(100'000, '\0');
+      platform::read_at(fd, image.data(), image.size(), 0);
+      flushed_images.push_back(image);
+    });
+  }
+  platform::current_flush_hook.store(nullptr);
+  ASSERT_GE(flushed_images.size(), 2U);
+  const std::string& last = flushed_images.back();
+  const std::string& before = flushed_images[flushed_images.size() - 2];
+  std::vector<std::size_t> differing;
+  for (std::size_t i = 0; i < last.size(); ++i)
+    if (last[i] != before[i]) differing.push_back(i);
+  EXPECT_EQ(differing, std::vector<std::size_t>{8232 + 40 + offsetof(hnsw_fields, clean_close)});
 }
 
 // ---- size and cache ----

@@ -92,6 +92,12 @@ class Repair : public testing::Test {
       for (std::uint32_t id = 1; id <= seen.added; ++id)
         if (korvex_is_flag_set_internal(index, id, flags_hidden) != 0)
           seen.hidden.push_back(id - 1);
+      // What was lost cannot be undeleted.
+      for (const std::uint32_t id : seen.hidden) {
+        EXPECT_EQ(korvex_delete(index, id, 1), -1);
+        korvex_set_label(index, id, 7);
+        EXPECT_EQ(korvex_is_flag_set_internal(index, id + 1, flag_deleted), 1);
+      }
       seen.next = korvex_add(index, data_[static_cast<int>(points)], 0);
       EXPECT_TRUE(finds(index, session, points));
       korvex_search_free(index, session);
