@@ -427,45 +427,6 @@ TEST_F(PersistentAllocator, ALockedFileIsNotChangedByOthers) {
   expect_sample();
 }
 
-std::string replaced_path;  // by a hook, while it is being opened
-
-// Somebody else may remove or replace the file before it is locked: nobody writes into a file without a name.
-TEST_F(PersistentAllocator, AFileThatMovesAwayWhileItIsOpenedIsNotUsed) {
-  const std::string bytes = sample();
-  replaced_path = file_;
-  for (const bool existed : {true, false}) {
-    platform::remove_file(file_.c_str());
-    if (existed) write_file(file_, std::string(bytes.size(), 'x'));
-    write_file(file_ + ".next", bytes);
-    platform::current_fault_hook = [](fault_point at) {
-      if (at == fault_point::map_file)
-        platform::rename_file((replaced_path + ".next").c_str(), replaced_path.c_str());
-      return false;
-    };
-    ASSERT_TRUE(open(20'000));
-    platform::current_fault_hook = nullptr;
-    expect_sample();
-    EXPECT_EQ(persistent_malloc_lock(allocator_), 0);
-    close();
-    EXPECT_EQ(read_file(file_), bytes);
-  }
-  ASSERT_TRUE(open());
-  platform::remove_file(file_.c_str());
-  EXPECT_EQ(persistent_malloc_lock(allocator_), -1);
-
-  // Nor removed when it is another one by now.
-  ASSERT_TRUE(open(20'000));
-  write_file(file_ + ".next", bytes);
-  platform::rename_file((file_ + ".next").c_str(), file_.c_str());
-  persistent_malloc_destroy_and_remove(allocator_);
-  allocator_ = nullptr;
-  EXPECT_EQ(read_file(file_), bytes);
-  ASSERT_TRUE(open());
-  persistent_malloc_destroy_and_remove(allocator_);
-  allocator_ = nullptr;
-  EXPECT_FALSE(platform::status_of(file_.c_str()).exists);
-}
-
 TEST_F(PersistentAllocator, ThreadsThatAskForOneIdGetOneBlock) {
   ASSERT_TRUE(open(1 << 20));
   constexpr long long ids = 200;
