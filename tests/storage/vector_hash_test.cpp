@@ -17,6 +17,7 @@
 #include "runtime/platform/faults.h"
 #include "runtime/platform/threads.h"
 #include "storage/persistent_allocator.h"
+#include "storage/vector_hash_repair.h"
 #include "storage/vector_store.h"
 
 namespace korvex {
@@ -251,6 +252,26 @@ TEST(VectorHash, ReopenedAllocatorKeepsTheHash) {
     for (unsigned id = 401; id <= 600; ++id) found += f.add(id) >= 0 && f.answer.id != 0;
     EXPECT_GT(found, 50u);
   }
+}
+
+// Until then a kill leaves a hash that is known to be incomplete.
+TEST(VectorHash, ARefilledHashHasAnIdOnceItIsFinished) {
+  constexpr unsigned n = 600;
+  point_set points(8, n);
+  points.fill(3);
+  hash_fixture f(points, 4, 1 << 20);
+  vector_hash_set_ep_id(f.vh, 1, points.at(1));
+  for (unsigned id = 2; id <= n; ++id) f.add(id);
+  std::vector<unsigned> before;
+  for (unsigned id = 1; id <= n; ++id) before.push_back(f.search(points.at(id)).id);
+  const int stars = f.vh->stars;
+  vector_hash_begin_anew(f.vh, points.at(1));
+  for (unsigned id = 2; id <= n; ++id) f.add(id);
+  EXPECT_EQ(f.vh->ep_id, 0u);
+  EXPECT_EQ(f.search(points.at(9)).id, 0u);
+  vector_hash_finish(f.vh, 1);
+  EXPECT_EQ(f.vh->stars, stars);
+  for (unsigned id = 1; id <= n; ++id) ASSERT_EQ(f.search(points.at(id)).id, before[id - 1]) << id;
 }
 
 TEST(VectorHash, NoRoomGivesNull) {
