@@ -273,40 +273,6 @@ TEST(OnDisk, AnAdditionWithoutRoomLeavesNoPoint) {
 
 // ---- what the device took ----
 
-int flushes_before_refusal = 0;
-
-// Each flush of a sync in turn. What a device did not take it may later call written.
-TEST(OnDisk, ARefusedSyncIsNeverForgotten) {
-  constexpr int flushes = 7;  // five stores of one block, their directory, the index file
-  const cloud data = make_clusters(40, 8, 11);
-  for (int flush = 0; flush <= flushes; ++flush) {
-    SCOPED_TRACE(flush);
-    const bool refused = flush < flushes;
-    const scratch_directory directory;
-    std::uint32_t durable = 0;
-    {
-      const disk_index index(directory.path(), "refused", {});
-      add_until_refused(index, data);
-      flushes_before_refusal = refused ? flush : 1'000;
-      platform::current_fault_hook = [](platform::fault_point point) {
-        return point == platform::fault_point::flush && flushes_before_refusal-- == 0;
-      };
-      EXPECT_EQ(korvex_sync_to_disk(index, 0), refused ? -1 : 0);
-      platform::current_fault_hook = nullptr;
-      EXPECT_EQ(korvex_sync_to_disk(index, 0), refused ? -1 : 0);
-      durable = static_cast<hnsw_s*>(index)->durable;
-    }
-    const hnsw_s record =
-        korvex_verify_directory(folder_of(directory.path()), "refused", {}).record;
-    EXPECT_EQ(record.clean_close, refused ? 0U : 1U);
-    EXPECT_EQ(record.durable, durable) << "not raised by the close";
-    const disk_index index(directory.path(), "refused", {});
-    EXPECT_EQ(found(index, data, data.size()), data.size());
-    EXPECT_EQ(korvex_sync_to_disk(index, 0), 0);
-    EXPECT_EQ(static_cast<hnsw_s*>(index)->durable, static_cast<std::uint32_t>(data.size()));
-  }
-}
-
 std::string flushed_path;
 std::vector<std::string> flushed_images;  // of an index file, one for each of its flushes
 
