@@ -80,9 +80,11 @@ std::vector<directory_entry> list_directory(const char* path) {
   std::vector<directory_entry> entries;
   if (path == nullptr) return entries;
   for_each_entry(path, [&](const WIN32_FIND_DATAW& entry) {
-    entries.push_back({narrow(entry.cFileName), !has(entry, FILE_ATTRIBUTE_DIRECTORY),
-                       std::uint64_t{entry.nFileSizeHigh} << 32 | entry.nFileSizeLow});
+    entries.push_back({narrow(entry.cFileName), !has(entry, FILE_ATTRIBUTE_DIRECTORY), 0});
   });
+  // The directory itself learns of a new size when the file is closed; only the file tells it at once.
+  for (directory_entry& entry : entries)
+    if (entry.regular) entry.size = status_of((path + ("/" + entry.name)).c_str()).size;
   std::sort(entries.begin(), entries.end(),
             [](const auto& a, const auto& b) { return a.name < b.name; });
   return entries;

@@ -6,6 +6,7 @@
 #include <bit>
 #include <cerrno>
 #include <limits>
+#include <mutex>
 
 #include "runtime/platform/faults.h"
 #include "runtime/platform/windows/system.h"
@@ -66,6 +67,22 @@ bool holds_lock_privilege() {
          ::GetLastError() != ERROR_NOT_ALL_ASSIGNED;
 }
 
+// The system lets a process lock no more than its smallest working set, less what it needs itself: both limits move
+// with what is locked.
+void move_working_set(std::int64_t bytes) {
+  static std::mutex one_at_a_time;
+  static std::int64_t raised = 0;
+  const std::lock_guard<std::mutex> guard(one_at_a_time);
+  if (raised + bytes < 0) return;  // the system refused when they should have risen
+  const HANDLE process = ::GetCurrentProcess();
+  SIZE_T least = 0;
+  SIZE_T most = 0;
+  const auto change = static_cast<SIZE_T>(bytes);
+  if (::GetProcessWorkingSetSize(process, &least, &most) &&
+      ::SetProcessWorkingSetSize(process, least + change, most + change))
+    raised += bytes;
+}
+
 }  // namespace
 
 std::uint64_t page_size() {
@@ -115,18 +132,19 @@ bool may_lock(std::uint64_t /*bytes*/) {
   return !fault_injected(fault_point::lock) && holds_lock_privilege();
 }
 
-// The system lets a process lock no more than its smallest working set, less what it needs itself.
 int lock_pages(void* data, std::uint64_t size) {
   if (fault_injected(fault_point::lock)) return -1;
-  SIZE_T least = 0;
-  SIZE_T most = 0;
-  if (::GetProcessWorkingSetSize(::GetCurrentProcess(), &least, &most))
-    ::SetProcessWorkingSetSize(::GetCurrentProcess(), least + size, most + size);
-  return ::VirtualLock(data, size) ? 0 : fail();
+  move_working_set(static_cast<std::int64_t>(size));
+  if (::VirtualLock(data, size)) return 0;
+  const DWORD error = ::GetLastError();
+  move_working_set(-static_cast<std::int64_t>(size));
+  return fail_with(error);
 }
 
 int unlock_pages(void* data, std::uint64_t size) {
-  return ::VirtualUnlock(data, size) ? 0 : fail();
+  if (!::VirtualUnlock(data, size)) return fail();
+  move_working_set(-static_cast<std::int64_t>(size));
+  return 0;
 }
 
 void* aligned_malloc(std::size_t size, std::size_t align) {
