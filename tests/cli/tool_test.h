@@ -45,7 +45,8 @@ class ToolTest : public ScratchDirectory {
 
  private:
   int system(const std::string& command) {
-    const int status = std::system((">out 2>err " + command).c_str());
+    // The arguments may send the output elsewhere. Not every shell takes a numbered redirection first.
+    const int status = std::system((">out " + command + " 2>err").c_str());
     out_ = read_file(path("out"));
     err_ = read_file(path("err"));
     return host_system::exit_code(status);

@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 std::uint64_t allocated(const std::string& directory) {
   std::uint64_t bytes = 0;
   for (const fs::directory_entry& file : fs::directory_iterator(directory))
-    bytes += platform::allocated_bytes(file.path().c_str());
+    bytes += platform::allocated_bytes(file.path().string().c_str());
   return bytes;
 }
 
