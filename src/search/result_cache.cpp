@@ -8,9 +8,9 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <shared_mutex>
 
 #include "runtime/platform/clock.h"
+#include "runtime/read_write_mutex.h"
 #include "storage/hash_table.h"
 
 namespace korvex {
@@ -36,7 +36,7 @@ static_assert(sizeof(cache_control_s) == 16, "stored as it stands");
 // alone. Shared holders could follow one another without a gap for ever, so they queue at the
 // turnstile while somebody wants the door alone.
 
-std::shared_mutex door;
+read_write_mutex door;
 std::mutex turnstile;
 std::atomic<int> waiting_alone{0};
 cache_control_s* control = nullptr;  // null: no cache

@@ -15,6 +15,7 @@
 
 #include "runtime/log.h"
 #include "runtime/platform/memory.h"
+#include "runtime/read_write_mutex.h"
 #include "storage/int_set.h"
 #include "storage/mapping.h"
 #include "storage/mempool.h"
@@ -97,7 +98,7 @@ struct data_cache_s {
   // Read before the lock is taken, to turn away most misses.
   std::atomic<std::uint32_t> highest_id{0};
 
-  std::shared_mutex lock;  // guards all below
+  read_write_mutex lock;  // guards all below
   std::uint32_t entries = 0;
   std::uint32_t max_entries = 0;
   cache_node* newest = nullptr;  // in pin mode the list of what is pinned
