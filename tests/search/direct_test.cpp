@@ -96,8 +96,8 @@ double checked_recall(int metric, const cloud& points, const cloud& queries, con
 }
 
 TEST(DirectSearch, FindsTheNearestOfAllProbesUnderEveryMetric) {
-  const cloud points = make_clusters(3000, 24, 1);
-  const cloud queries = make_clusters(60, 24, 2);
+  const cloud points = make_clusters(sanitized ? 1000 : 3000, 24, 1);
+  const cloud queries = make_clusters(sanitized ? 20 : 60, 24, 2);
   for (const int metric : {DISTANCE_L2_SQUARE, DISTANCE_L2, DISTANCE_INNER_PRODUCT})
     for (const int probes : {1, 4}) {
       const open_index index({.dimension = 24, .metric = metric, .probes = probes}, points);

@@ -9,7 +9,7 @@ namespace {
 
 using namespace test;
 
-constexpr int n_points = 300;
+constexpr int n_points = sanitized ? 150 : 300;
 constexpr int k = 10;
 
 // Puts the best kernels back for whatever runs behind it in this process.
