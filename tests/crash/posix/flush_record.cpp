@@ -45,14 +45,27 @@ void copy_file(int from, const fs::path& to) {
   ::close(out);
 }
 
+// A name that was gone when its directory was flushed stays gone.
+void record_names(const recorder& r) {
+  std::vector<fs::path> marks;
+  for (const auto& entry : fs::directory_iterator(r.device))
+    if (entry.path().extension() == entry_mark) marks.push_back(entry.path());
+  for (const fs::path& mark : marks) {
+    if (fs::exists(r.directory / mark.stem())) continue;
+    fs::remove(mark);
+    fs::remove(r.device / mark.stem());
+  }
+  for (const auto& entry : fs::directory_iterator(r.directory))
+    std::ofstream(r.device / (entry.path().filename().string() + entry_mark));
+}
+
 void record(int fd, const void*, std::uint64_t) {
   if (fd < 0) return;  // a flush of a view comes with one of its file
   recorder& r = state();
   const fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(fd));
   const std::lock_guard guard(r.mutex);
   if (path == r.directory) {
-    for (const auto& entry : fs::directory_iterator(path))
-      std::ofstream(r.device / (entry.path().filename().string() + entry_mark));
+    record_names(r);
   } else if (path.parent_path() == r.directory) {
     const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);  // has its own position
     if (file >= 0) copy_file(file, r.device / path.filename());
