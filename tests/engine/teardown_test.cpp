@@ -94,11 +94,15 @@ TEST(Teardown, RoundsLeaveMemoryFlat) {
     // Every other time the session is left to the index.
     if (sid % 2 == 0) korvex_search_free(index, sid);
   };
-  for (int i = 0; i < (sanitized ? 1 : 5); ++i) round();
-  const std::uint64_t before = platform::process_memory().resident_bytes;
-  for (int i = 0; i < (sanitized ? 2 : 30); ++i) round();
-  const std::uint64_t after = platform::process_memory().resident_bytes;
-  EXPECT_LT(after, before + (sanitized ? 200'000'000 : 2'000'000));
+  // Heaps settle after some rounds, later on one system than on another; a leak never does.
+  const int rounds = sanitized ? 2 : 30;
+  const std::uint64_t most = sanitized ? 200'000'000 : 2'000'000;
+  std::vector<std::uint64_t> resident = {platform::process_memory().resident_bytes};
+  do {
+    for (int i = 0; i < rounds; ++i) round();
+    resident.push_back(platform::process_memory().resident_bytes);
+  } while (resident.size() < 6 && resident.back() > resident.end()[-2] + most);
+  EXPECT_LE(resident.back(), resident.end()[-2] + most) << testing::PrintToString(resident);
 }
 
 }  // namespace
