@@ -138,6 +138,8 @@ void* map_file(int fd, std::uint64_t size, bool read_only, void** native, const 
     return nullptr;
   }
   *failed_call = nullptr;
+  // Lets the file system keep the file in large pieces where it can: fewer faults and fewer misses of the TLB.
+  if (size >= advised_bytes) ::madvise(data, size, MADV_HUGEPAGE);
   return data;
 }
 
