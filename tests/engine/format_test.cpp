@@ -143,7 +143,7 @@ class IndexFormat : public testing::Test {
 
   // The beginning of a file.
   std::string file(const std::string& name) const {
-    std::ifstream stream(directory_.path() + "/nimbra-korvex/0/" + name, std::ios::binary);
+    std::ifstream stream(folder_of(directory_.path()) + "/" + name, std::ios::binary);
     std::string bytes(1 << 16, '\0');
     stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     bytes.resize(static_cast<std::size_t>(stream.gcount()));

@@ -58,7 +58,7 @@ class Verify : public testing::Test {
   }
   void SetUp() override { record_ = verify_report_of().record; }
 
-  static std::string folder() { return directory_->path() + "/nimbra-korvex/0"; }
+  static std::string folder() { return folder_of(directory_->path()); }
   static std::string path(const std::string& file) { return folder() + "/" + file; }
   static verify_report verify_report_of(const verify_options& options = {}) {
     return korvex_verify_directory(folder(), "checked", options);
