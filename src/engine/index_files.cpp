@@ -16,14 +16,19 @@ namespace {
 
 const std::string ending = std::string(".") + index_extension;
 
-bool begins_with(const std::string& path, const void* bytes, std::size_t count) {
-  if (!platform::status_of(path.c_str()).regular) return false;  // opening a pipe would wait
+enum class beginning { other, wanted, unreadable };
+
+beginning look_at(const std::string& path, const void* bytes, std::size_t count) {
+  if (!platform::status_of(path.c_str()).regular)
+    return beginning::other;  // opening a pipe would wait
   unsigned char found[8] = {};
   const int fd = platform::open_file(path.c_str(), platform::open_mode::read_only);
-  if (fd < 0) return false;
-  const bool read = platform::read_at(fd, found, count, 0) == static_cast<std::int64_t>(count);
+  if (fd < 0) return beginning::unreadable;
+  const std::int64_t read = platform::read_at(fd, found, count, 0);
   platform::close_file(fd);
-  return read && std::memcmp(found, bytes, count) == 0;
+  if (read < 0) return beginning::unreadable;
+  const bool whole = read == static_cast<std::int64_t>(count);
+  return whole && std::memcmp(found, bytes, count) == 0 ? beginning::wanted : beginning::other;
 }
 
 bool are_two_codes(std::string_view text) {
@@ -46,13 +51,18 @@ std::string plain_name(const std::string& file) {
   return file;
 }
 
+// What cannot be read may be an index: nothing of its name is deleted.
+bool may_hold_index(const std::string& path) {
+  return look_at(path, &persistent_magic, sizeof persistent_magic) != beginning::other;
+}
+
 // An index may be called as a block file of another one would be.
 std::vector<std::string> other_indexes(const std::string& directory, const std::string& index,
                                        const std::vector<platform::directory_entry>& entries) {
   std::vector<std::string> names;
   for (const platform::directory_entry& entry : entries)
     if (entry.regular && entry.name.ends_with(ending) && entry.name != index + ending &&
-        holds_index(directory + "/" + entry.name))
+        may_hold_index(directory + "/" + entry.name))
       names.push_back(entry.name.substr(0, entry.name.size() - ending.size()));
   return names;
 }
@@ -71,11 +81,11 @@ bool is_block_file_of(const std::string& index, const std::string& file) {
 }
 
 bool holds_block(const std::string& path) {
-  return begins_with(path, vector_block_signature, 2);
+  return look_at(path, vector_block_signature, 2) == beginning::wanted;
 }
 
 bool holds_index(const std::string& path) {
-  return begins_with(path, &persistent_magic, sizeof persistent_magic);
+  return look_at(path, &persistent_magic, sizeof persistent_magic) == beginning::wanted;
 }
 
 void delete_files_beside_index(const std::string& directory, const std::string& index) {

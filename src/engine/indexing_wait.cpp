@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <mutex>
+#include <new>
 
 #include "engine/indexing.h"
 #include "engine/point_linking.h"
@@ -72,6 +73,15 @@ void sleep_while_linking(hnsw_s* hnsw, std::uint32_t last, std::uint64_t ms) {
            hnsw->runtime->running_threads.load() != 0);
 }
 
+// A wait does not fail for want of memory for its report.
+void report_memory(const hnsw_s* hnsw) {
+  try {
+    print_memory_usage_change(log_fp(), "after index: ", hnsw->memory_usage, take_memory_usage());
+  } catch (const std::bad_alloc&) {
+    KORVEX_LOG("no memory for a report of memory\n");
+  }
+}
+
 void keep_linking(hnsw_s* hnsw) {
   const korvex_runtime_s& runtime = *hnsw->runtime;
   if (runtime.running_threads.load() == 0) korvex_launch_threads(hnsw, runtime.indexing_threads);
@@ -103,7 +113,7 @@ void korvex_wait_finish_adding(hnsw_s* hnsw) {
     sleep_while_linking(hnsw, last, estimate.next_sleep_ms());
   }
   KORVEX_LOG("index adding finished\n");
-  print_memory_usage_change(log_fp(), "after index: ", hnsw->memory_usage, take_memory_usage());
+  report_memory(hnsw);
 }
 
 bool korvex_wait_linked(hnsw_s* hnsw, std::uint64_t timeout_ms) {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
@@ -13,6 +14,7 @@
 #include "engine/runtime.h"
 #include "engine/startup.h"
 #include "engine/stored_record.h"
+#include "engine/teardown.h"
 #include "math/topology.h"
 #include "runtime/disk_probe.h"
 #include "runtime/log.h"
@@ -33,6 +35,11 @@ constexpr const char* default_name = "nimbra-korvex";
 constexpr unsigned index_file_bytes = 52'428'800;
 constexpr long long record_block = 1;
 constexpr int box_columns = 80;
+
+struct manager_closer {
+  void operator()(persistent_malloc_s* manager) const { persistent_malloc_destroy(manager); }
+};
+using manager_handle = std::unique_ptr<persistent_malloc_s, manager_closer>;
 
 struct index_location {
   std::string directory;  // empty: in memory
@@ -123,23 +130,43 @@ void write_defaults(hnsw_s* hnsw, std::uint32_t dimension, std::uint8_t instance
   hnsw->identity = new_identity(hnsw);
 }
 
+struct text_deleter {
+  void operator()(char* text) const { std::free(text); }
+};
+using text_copy = std::unique_ptr<char, text_deleter>;
+
+// Nothing is taken when memory is short.
 bool bind_to_process(hnsw_s* hnsw, persistent_malloc_s* manager, const index_location& location) {
+  const bool on_disk = !location.directory.empty();
+  const memory_usage_s usage = take_memory_usage();
+  text_copy directory(on_disk ? ::strdup(location.directory.c_str()) : nullptr);
+  text_copy name(on_disk ? ::strdup(location.name.c_str()) : nullptr);
+  std::unique_ptr<korvex_runtime_s> runtime(new (std::nothrow) korvex_runtime_s(hnsw));
+  if (runtime == nullptr || (on_disk && (directory == nullptr || name == nullptr))) return false;
+  korvex_prepare_free();
   hnsw->memory_manager = manager;
-  hnsw->on_disk = location.directory.empty() ? 0 : 1;
-  hnsw->directory = location.directory.empty() ? nullptr : ::strdup(location.directory.c_str());
-  hnsw->name = location.directory.empty() ? nullptr : ::strdup(location.name.c_str());
-  hnsw->memory_usage = take_memory_usage();
-  hnsw->runtime = new (std::nothrow) korvex_runtime_s(hnsw);
-  if (hnsw->runtime == nullptr) return false;
+  hnsw->on_disk = on_disk ? 1 : 0;
+  hnsw->directory = directory.release();
+  hnsw->name = name.release();
+  hnsw->memory_usage = usage;
+  hnsw->runtime = runtime.release();
   cond_init(&hnsw->runtime->add_cond);
   return true;
 }
 
+// Gives a record back that was not bound to anything; one in a file stays there.
+struct record_releaser {
+  persistent_malloc_s* manager;
+  void operator()(hnsw_s* hnsw) const { persistent_free(manager, hnsw); }
+};
+using record_handle = std::unique_ptr<hnsw_s, record_releaser>;
+
 hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& location,
                          std::uint32_t dimension, std::uint8_t instance_id) {
   unsigned stored_bytes = 0;
-  auto* const hnsw =
-      static_cast<hnsw_s*>(persistent_malloc(manager, record_block, sizeof(hnsw_s), &stored_bytes));
+  record_handle hnsw(
+      static_cast<hnsw_s*>(persistent_malloc(manager, record_block, sizeof(hnsw_s), &stored_bytes)),
+      {manager});
   if (hnsw == nullptr) return nullptr;
   if (stored_bytes == sizeof(hnsw_s) && hnsw->config_valid == 1) {
     KORVEX_LOG("Found an existing Korvex config\n");
@@ -149,14 +176,14 @@ hnsw_s* create_or_reopen(persistent_malloc_s* manager, const index_location& loc
       KORVEX_LOG_CRITICAL("Bad or mismatched configuration detected. Check and reinitialize.\n");
       return nullptr;
     }
-    clear_process_fields(hnsw);
-    settle_record(hnsw);
-    return bind_to_process(hnsw, manager, location) ? hnsw : nullptr;
+    clear_process_fields(hnsw.get());
+    settle_record(hnsw.get());
+  } else {
+    std::memset(static_cast<void*>(hnsw.get()), 0, sizeof(hnsw_s));
+    KORVEX_LOG("creating a new Korvex config with defaults\n");
+    write_defaults(hnsw.get(), dimension, instance_id);
   }
-  std::memset(static_cast<void*>(hnsw), 0, sizeof(hnsw_s));
-  KORVEX_LOG("creating a new Korvex config with defaults\n");
-  write_defaults(hnsw, dimension, instance_id);
-  return bind_to_process(hnsw, manager, location) ? hnsw : nullptr;
+  return bind_to_process(hnsw.get(), manager, location) ? hnsw.release() : nullptr;
 }
 
 // Waits until fewer than `closing` indexes are being given up. False when that takes too long.
@@ -207,13 +234,13 @@ hnsw_s* korvex_init(std::uint32_t dimension, std::uint8_t instance_id, const cha
   else if (!locate(base_path, index_name, instance_id, &location))
     return nullptr;
 
-  persistent_malloc_s* const manager = open_manager(location);
+  manager_handle manager(open_manager(location));
   if (manager == nullptr) {
     KORVEX_LOG_CRITICAL("Unable to allocate memory manager..\n");
     return nullptr;
   }
-  hnsw_s* const hnsw = create_or_reopen(manager, location, dimension, instance_id);
-  if (hnsw == nullptr) persistent_malloc_destroy(manager);
+  hnsw_s* const hnsw = create_or_reopen(manager.get(), location, dimension, instance_id);
+  if (hnsw != nullptr) manager.release();
   return hnsw;
 }
 

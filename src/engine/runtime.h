@@ -110,7 +110,7 @@ struct korvex_runtime_s {
   deferred_s deferred[deferred_capacity] = {};
   std::uint32_t deferred_count = 0;
   std::deque<handover_s> relink;         // points whose linking a crash cut off; .star holds the id
-  std::vector<std::uint32_t> in_flight;  // ids that indexing threads hold now
+  std::vector<std::uint32_t> in_flight;  // ids that indexing threads hold now; has room for all
 
   cond_var_s add_cond{};
   std::atomic<std::uint32_t> cond_waiters{0};

@@ -36,6 +36,7 @@ constexpr std::uint64_t percentage_cache_limit = 52'428'800;
 constexpr unsigned result_element_bytes = 40;
 constexpr int result_first_chunk = 128;
 
+// 0 when unknown.
 std::uint64_t memory_budget(const korvex_runtime_s& runtime) {
   const std::uint64_t bytes =
       runtime.memory_budget != 0 ? runtime.memory_budget : platform::available_memory();
@@ -75,7 +76,7 @@ std::uint64_t graph_record_bytes(const hnsw_s* hnsw) {
 
 void choose_units(hnsw_s* hnsw, std::uint64_t budget) {
   if (hnsw->allocation_units == 0) hnsw->allocation_units = default_units;
-  if (hnsw->on_disk != 0) return;
+  if (hnsw->on_disk != 0 || budget == 0) return;
   const std::uint64_t point_bytes = hnsw->vector_bytes + graph_record_bytes(hnsw);
   const std::uint64_t fitting = std::max<std::uint64_t>(budget / point_bytes, 1);
   hnsw->allocation_units =
@@ -146,6 +147,8 @@ class startup {
     runtime_.indexing_threads = std::clamp(hnsw_->indexing_threads, 0, 1024);
     runtime_.labels = hnsw_->labels_enabled != 0;
     runtime_.attributes = hnsw_->attributes_enabled != 0;
+    // A point for each indexing thread: these have nobody to tell that memory is short.
+    runtime_.in_flight.reserve(static_cast<std::size_t>(runtime_.indexing_threads) + 1);
   }
 
   void configure_stores(std::uint64_t cache_bytes) {
@@ -252,14 +255,16 @@ void korvex_process_start() {
 }
 
 void korvex_select_metric(hnsw_s* hnsw, korvex_distance_type type) {
-  delete hnsw->distance;
-  hnsw->distance = nullptr;
-  hnsw->distance_type = type;
-  hnsw->distance = create_distance(type, static_cast<int>(hnsw->dimension)).release();
-  hnsw->distance_function = hnsw->distance->get_distance_function();
+  std::unique_ptr<DistanceInterface> chosen =
+      create_distance(type, static_cast<int>(hnsw->dimension));
   float self = 0;
   float opposite = 0;
-  hnsw->distance->reference_distance(&self, &opposite);
+  chosen->reference_distance(&self, &opposite);
+  // Nothing can fail from here on.
+  delete hnsw->distance;
+  hnsw->distance = chosen.release();
+  hnsw->distance_type = type;
+  hnsw->distance_function = hnsw->distance->get_distance_function();
   hnsw->distance_range[0] = opposite;
   hnsw->distance_range[1] = self;
   korvex_runtime_s& runtime = *hnsw->runtime;

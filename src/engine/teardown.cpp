@@ -1,6 +1,8 @@
 #include "engine/teardown.h"
 
+#include <exception>
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -49,13 +51,46 @@ int wait_for_threads(hnsw_s* hnsw) {
 }
 
 // The strings of an index outlive it; kept reachable, so that leak checkers see them as what they
-// are.
+// are. `promised` have room already: giving an index up needs no memory.
+struct string_park {
+  std::mutex lock;
+  std::vector<char*> strings;
+  std::size_t promised = 0;
+};
+constexpr std::size_t strings_of_index = 2;
+
+string_park& parked_strings() {
+  static auto* const park = new string_park;
+  return *park;
+}
+
 void park_strings(const hnsw_s* hnsw) {
-  static std::mutex lock;
-  static auto* const parked = new std::vector<char*>;
-  std::lock_guard guard(lock);
-  if (hnsw->directory != nullptr) parked->push_back(hnsw->directory);
-  if (hnsw->name != nullptr) parked->push_back(hnsw->name);
+  string_park& park = parked_strings();
+  std::lock_guard guard(park.lock);
+  park.promised -= strings_of_index;
+  if (hnsw->directory != nullptr) park.strings.push_back(hnsw->directory);
+  if (hnsw->name != nullptr) park.strings.push_back(hnsw->name);
+}
+
+// False, and the files stay, when memory is short.
+bool plan_deletion(hnsw_s* hnsw) {
+  korvex_runtime_s* const runtime = hnsw->runtime;
+  KORVEX_LOG("deleting index files in %s\n", hnsw->directory);
+  try {
+    runtime->files_name = hnsw->name != nullptr ? hnsw->name : "";
+    runtime->files_directory = hnsw->directory;
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+void delete_planned_files(const korvex_runtime_s& runtime) {
+  try {
+    delete_files_beside_index(runtime.files_directory, runtime.files_name);
+  } catch (const std::exception& error) {
+    KORVEX_LOG_CRITICAL("some index files were not deleted: %s\n", error.what());
+  }
 }
 
 bool nothing_left_undone(const hnsw_s* hnsw) {
@@ -82,6 +117,14 @@ void vouch_for_everything(hnsw_s* hnsw, persistent_malloc_s* manager) {
 
 }  // namespace
 
+void korvex_prepare_free() {
+  string_park& park = parked_strings();
+  std::lock_guard guard(park.lock);
+  const std::size_t wanted = park.strings.size() + park.promised + strings_of_index;
+  if (park.strings.capacity() < wanted) park.strings.reserve(2 * wanted);
+  park.promised += strings_of_index;
+}
+
 void korvex_free(hnsw_s* hnsw) {
   if (hnsw == nullptr) return;
   korvex_runtime_s* const runtime = hnsw->runtime;
@@ -97,11 +140,8 @@ void korvex_free(hnsw_s* hnsw) {
   int rounds_left = wait_for_threads(hnsw);
 
   cache_search_destroy();
-  if (hnsw->destroy_on_delete != 0 && hnsw->directory != nullptr) {
-    KORVEX_LOG("deleting index files in %s\n", hnsw->directory);
-    runtime->files_directory = hnsw->directory;
-    runtime->files_name = hnsw->name != nullptr ? hnsw->name : "";
-  }
+  if (hnsw->destroy_on_delete != 0 && hnsw->directory != nullptr && !plan_deletion(hnsw))
+    KORVEX_LOG_CRITICAL("no memory to delete the index files\n");
   park_strings(hnsw);
 
   if (hnsw->on_disk != 0) indexes_closing.fetch_add(1);
@@ -131,7 +171,7 @@ void korvex_release(korvex_runtime_s* runtime) {
   } else {
     // A deletion that is cut off must not leave a record that asks for lost files.
     hnsw->durable = 0;
-    delete_files_beside_index(runtime->files_directory, runtime->files_name);
+    delete_planned_files(*runtime);
     persistent_malloc_destroy_and_remove(manager);
   }
   if (on_disk) indexes_closing.fetch_sub(1);

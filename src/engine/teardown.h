@@ -7,6 +7,10 @@ namespace korvex {
 
 struct korvex_runtime_s;
 
+// Makes room for what korvex_free leaves behind; once before each index that it may be called for.
+// Throws std::bad_alloc.
+void korvex_prepare_free();
+
 // Stops an index and gives it up. Takes 110 ms at most: engine threads that are still inside a
 // host's callback keep the memory until they leave, and the last one releases it. The record must
 // not be used afterwards. Null is ignored.

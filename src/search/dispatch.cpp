@@ -242,9 +242,10 @@ void* korvex_search_thread(void* argument) {
     current_worker = nullptr;
   }
   if (!retired) jobq_thread_left(queue);
-  // Without memory and with no other worker left, nobody would ever take what is queued.
-  if (stopping(hnsw) || (!usable && jobq_thread_count_active(queue) == 0))
+  if (stopping(hnsw))
     cancel_queued_searches(hnsw);
+  else if (!usable)
+    run_on_caller(hnsw);  // with no other worker left nobody would ever take what is queued
   jobq_enter_worker(nullptr);
   runtime_release_use(runtime);
   return nullptr;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
 
 #include "engine/distances.h"
@@ -55,12 +56,16 @@ void release_sessions(hnsw_s* hnsw) {
 }
 
 session_attachment* create_attachment(hnsw_s* hnsw) {
-  auto* const attachment = new (std::nothrow) session_attachment;
+  std::unique_ptr<session_attachment> attachment(new (std::nothrow) session_attachment);
   if (attachment == nullptr) return nullptr;
+  try {
+    std::lock_guard lock(hnsw->runtime->search_mutex);
+    hnsw->runtime->session_attachments.push_back(attachment.get());
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
   cond_init(&attachment->done);
-  std::lock_guard lock(hnsw->runtime->search_mutex);
-  hnsw->runtime->session_attachments.push_back(attachment);
-  return attachment;
+  return attachment.release();
 }
 
 // A store for k results; one that is large enough stays.
@@ -185,6 +190,7 @@ bool korvex_search_global_init(hnsw_s* hnsw) {
     KORVEX_LOG_CRITICAL("no memory for searching\n");
     return false;
   }
+  mempool_require_ids(pool);  // hosts know sessions by their ids
   runtime.search.cancel_queued = cancel_queued_searches;
   runtime.search.release = release_sessions;
   std::atomic_ref(hnsw->search_pool).store(pool, std::memory_order_release);

@@ -73,9 +73,10 @@ mmap_handle_t make_file(const char* path, std::uint64_t size) {
   if (platform::set_file_size(file.fd, size) == 0 &&
       mapping_reserve(&file, std::min<std::uint64_t>(size, 1)) == 0)
     return file;
-  log_resize_failure(path, errno);
+  const int error = errno;
   platform::close_file(file.fd);
   platform::remove_file(path);
+  log_resize_failure(path, error);
   return {};
 }
 

@@ -109,6 +109,7 @@ struct mempool_s {
   // Readers of ids see an element's header complete: its entry is stored with release before
   // next_id is.
   std::atomic<bool> ids_enabled = false;
+  bool ids_required = false;  // set before the pool is shared
   std::atomic<std::uint32_t> next_id = 1;
   std::atomic<id_map_s*> id_map = nullptr;
   std::atomic<header_s*> free_head = nullptr;
@@ -123,7 +124,7 @@ struct mempool_s {
   header_s* take_fresh();
   std::uint32_t next_chunk_elements();
   bool add_chunk();
-  void give_id(header_s* header);
+  bool give_id(header_s* header);
   void append_free(header_s* header);
   void release_chunks(chunk_s* from);
   void forget_elements();
@@ -151,8 +152,9 @@ header_s* mempool_s::take_fresh() {
   bump += stride;
   header->marker = element_marker;
   header->pool = this;
-  if (ids_enabled.load(std::memory_order_relaxed)) give_id(header);
-  return header;
+  if (!ids_enabled.load(std::memory_order_relaxed) || give_id(header)) return header;
+  bump -= stride;
+  return nullptr;
 }
 
 // 0 when the limit leaves no room.
@@ -184,21 +186,24 @@ bool mempool_s::add_chunk() {
   return true;
 }
 
-void mempool_s::give_id(header_s* header) {
+// False when the element must have an id and there is no memory to find it by.
+bool mempool_s::give_id(header_s* header) {
   const std::uint32_t id = next_id.load(std::memory_order_relaxed);
   id_map_s* map = id_map.load(std::memory_order_relaxed);
   if (map == nullptr || id >= map->capacity) {
     map = grown_map(map);
     if (map == nullptr) {
       KORVEX_LOG_CRITICAL("malloc failed for pool map\n");
+      if (ids_required) return false;
       ids_enabled.store(false, std::memory_order_relaxed);
-      return;
+      return true;
     }
     id_map.store(map, std::memory_order_release);
   }
   header->id = id;
   map->entries()[id].store(header, std::memory_order_release);
   next_id.store(id + 1, std::memory_order_release);
+  return true;
 }
 
 void mempool_s::append_free(header_s* header) {
@@ -258,6 +263,10 @@ mempool_s* mempool_init(int element_size, int per_chunk, int first_chunk, int ma
   pool->ids_enabled = ids != 0;
   pool->set_maximum(maximum);
   return pool;
+}
+
+void mempool_require_ids(mempool_s* pool) {
+  if (pool != nullptr && pool->self == pool) pool->ids_required = true;
 }
 
 void mempool_set_max_poolsize(mempool_s* pool, int maximum) {

@@ -19,6 +19,9 @@ struct mempool_s;
 // very first chunk, 0 for the same as the others; maximum 0 means no limit; ids != 0 keeps an id
 // for every element. Null when memory is short or element_size is negative.
 mempool_s* mempool_init(int element_size, int per_chunk, int first_chunk, int maximum, int ids);
+// From here on an element for which no id can be kept is not handed out. Otherwise want of memory for
+// ids switches them off for the whole pool.
+void mempool_require_ids(mempool_s* pool);
 // A limit of 0 or above the elements made so far lets a pool that had reached its old limit grow
 // again. Elements that exist already are kept.
 void mempool_set_max_poolsize(mempool_s* pool, int maximum);

@@ -174,6 +174,16 @@ mmap_handle_t map_file(const char* path, unsigned size) {
   return file;
 }
 
+bool prepare_blocks(mmap_handle_t* file, const char* path, bool locked) {
+  try {
+    return locked ? repair_and_compact(file, path) : look_only(file, path);
+  } catch (
+      const std::bad_alloc&) {  // of file names; what was begun is taken up by the next opening
+    KORVEX_LOG("no memory to prepare %s\n", path);
+    return false;
+  }
+}
+
 enum class preparation { ready, failed, moved };
 
 // Somebody may have removed or replaced the file before it was locked: then it is nobody's any more.
@@ -183,7 +193,7 @@ preparation prepare_file(mmap_handle_t* file, const char* path) {
     platform_munmap(file);
     return preparation::moved;
   }
-  if (locked ? repair_and_compact(file, path) : look_only(file, path)) {
+  if (prepare_blocks(file, path, locked)) {
     if (locked) platform::unlock_file(file->fd);
     return preparation::ready;
   }

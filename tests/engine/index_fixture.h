@@ -25,16 +25,11 @@
 #include "host_system.h"
 #include "math/metrics.h"
 #include "runtime/log.h"
+#include "sanitizers.h"
 
 // What the tests of the engine and of the searches share: data, an index that cleans up after itself, the log as a list
 // of lines, and a clock that ends a test which hangs.
 namespace korvex::test {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool sanitized = true;
-#else
-inline constexpr bool sanitized = false;
-#endif
 
 // Ends the process when the scope lasts too long: a hang shows where it is, and the other tests still run.
 class watchdog {

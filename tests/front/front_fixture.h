@@ -12,14 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "sanitizers.h"
+
 // Data, exact answers, and what an operation throws.
 namespace korvex::test {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool sanitized = true;
-#else
-inline constexpr bool sanitized = false;
-#endif
 
 struct cloud {
   std::size_t dimension = 0;

@@ -181,6 +181,21 @@ TEST_F(Mempool, SurvivesAShortageOfMemory) {
   mempool_destroy(pool);
 }
 
+TEST_F(Mempool, RequiredIdsSurviveAShortageOfMemory) {
+  mempool_s* pool = mempool_init(16, 4, 0, 0, 1);
+  mempool_require_ids(pool);
+  unsigned id = 0;
+  void* first = mempool_alloc(pool, &id, nullptr);
+  for (int i = 2; i < 256; i++) mempool_alloc(pool, nullptr, nullptr);
+  fail_at(platform::fault_point::heap, 0, 1);  // the larger id map
+  EXPECT_EQ(mempool_alloc(pool, nullptr, nullptr), nullptr);
+  EXPECT_EQ(mempool_get_from_id(pool, 1), first);
+  void* next = mempool_alloc(pool, &id, nullptr);
+  EXPECT_EQ(id, 256U);
+  EXPECT_EQ(mempool_get_from_id(pool, id), next);
+  mempool_destroy(pool);
+}
+
 // Writers keep the id map growing while readers look ids up; every element is owned by one thread at a time.
 TEST_F(Mempool, ServesSeveralThreads) {
   mempool_s* pool = mempool_init(16, 8, 0, 0, 1);

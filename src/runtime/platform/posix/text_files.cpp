@@ -6,15 +6,23 @@
 #include <charconv>
 
 namespace korvex::platform {
+namespace {
+
+struct descriptor_closer {
+  const int fd;
+  ~descriptor_closer() { ::close(fd); }
+};
+
+}  // namespace
 
 std::string read_text_file(const std::string& path) {
   std::string text;
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return text;
+  const descriptor_closer closer{fd};
   char piece[4096];
   for (ssize_t n = 0; (n = ::read(fd, piece, sizeof piece)) > 0;)
     text.append(piece, static_cast<std::size_t>(n));
-  ::close(fd);
   return text;
 }
 
