@@ -131,6 +131,29 @@ TEST(SecondOpener, WaitsForTheLastThreadOfTheFirst) {
   EXPECT_EQ(found(again, data, data.size()), data.size());
 }
 
+// Blocks of 64 MiB and more ask for large pages. What is written last lies far from what is written first: the file is
+// as long as the block, and a reopening finds it all.
+TEST(OnDisk, BlocksAboveTheSizeOfLargePages) {
+  const scratch_directory directory;
+  disk_index_options options;
+  options.dimension = 32'768;  // 128 KiB
+  options.units = 512;
+  const int n = sanitized ? 20 : 100;
+  const cloud data = make_clusters(n, options.dimension, 9);
+  {
+    const disk_index index(directory.path(), "large", options);
+    ASSERT_EQ(add_until_refused(index, data), n);
+    EXPECT_EQ(found(index, data, n), n);
+  }
+  {
+    const disk_index again(directory.path(), "large", options);
+    EXPECT_EQ(found(again, data, n), n);
+  }
+  EXPECT_TRUE(korvex_verify_directory(directory.path(), "large", {}).clean());
+  const open_index in_memory({.dimension = options.dimension, .units = options.units}, data);
+  EXPECT_EQ(found(in_memory, data, n), n);
+}
+
 int flushes_before_refusal = 0;
 
 // Each flush of a sync in turn. What a device did not take it may later call written.
