@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "cli/readers/vector_file.h"
+#include "sanitizers.h"
 #include "tests/cli/tool_test.h"
 
 namespace korvex::cli {
@@ -217,9 +218,10 @@ TEST_F(DiskVerbs, TuneBenchAndGroundtruthAgreeOnTheRecall) {
 
 // What is told before holds afterwards.
 TEST_F(DiskVerbs, TheEstimateIsCloseToTheFiles) {
-  const matrix wide = random_matrix(6'000, 96, 4);
+  constexpr int n = test::thread_sanitized ? 2'000 : 6'000;
+  const matrix wide = random_matrix(n, 96, 4);
   write("wide.fvecs", fvecs(wide));
-  ASSERT_EQ(run("estimate 6000 96 --json"), 0) << err_;
+  ASSERT_EQ(run("estimate " + std::to_string(n) + " 96 --json"), 0) << err_;
   const json estimate = json::parse(out_);
   ASSERT_EQ(run("build index wide.fvecs --probes 1 --radius 20"), 0) << err_;
   ASSERT_EQ(run("info index --json"), 0) << err_;

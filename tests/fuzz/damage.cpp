@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -78,15 +79,33 @@ void resize(input* in, const std::string& path) {
   fs::resize_file(path, low + 65536ull * in->number<std::uint8_t>(), error);
 }
 
+// Without the zeros at the end, which are most of an index file.
+std::string content_of(const std::string& path, std::uint64_t length) {
+  constexpr std::size_t piece_bytes = 1 << 16;
+  static const std::string zeros(piece_bytes, '\0');
+  std::string content;
+  std::uint64_t skipped = 0;
+  for (std::uint64_t at = 0; at < length; at += piece_bytes) {
+    std::string piece = read_at(path, at, piece_bytes);
+    if (std::memcmp(piece.data(), zeros.data(), piece.size()) == 0) {
+      skipped += piece.size();
+      continue;
+    }
+    content.append(skipped, '\0').append(piece);
+    skipped = 0;
+  }
+  const std::size_t last = content.find_last_not_of('\0');
+  content.resize(last == std::string::npos ? 0 : last + 1);
+  return content;
+}
+
 }  // namespace
 
 std::vector<file_image> take_images(const std::string& directory) {
   std::vector<file_image> images;
   for (const auto& entry : fs::directory_iterator(directory)) {
     file_image image{entry.path().filename().string(), entry.file_size(), {}};
-    image.content = read_at(entry.path().string(), 0, image.length);
-    const std::size_t last = image.content.find_last_not_of('\0');
-    image.content.resize(last == std::string::npos ? 0 : last + 1);
+    image.content = content_of(entry.path().string(), image.length);
     images.push_back(std::move(image));
   }
   std::sort(images.begin(), images.end(),

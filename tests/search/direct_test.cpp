@@ -109,7 +109,7 @@ TEST(DirectSearch, FindsTheNearestOfAllProbesUnderEveryMetric) {
 
 // The queue walks as far: what one finds the other finds.
 TEST(DirectSearch, AgreesWithTheQueue) {
-  const cloud points = make_clusters(3000, 16, 3);
+  const cloud points = make_clusters(thread_sanitized ? 1000 : 3000, 16, 3);
   const cloud queries = make_clusters(50, 16, 4);
   const open_index index({.dimension = 16, .probes = 2}, points);
   const rows found = ask(index, queries, 10, {.radius = 100});
@@ -127,7 +127,7 @@ TEST(DirectSearch, AgreesWithTheQueue) {
 // from half of the points down to none.
 TEST(DirectSearch, AnswersOnlyWithAllowedPoints) {
   const cloud points = make_clusters(4000, 16, 5);
-  const cloud queries = make_clusters(20, 16, 6);
+  const cloud queries = make_clusters(thread_sanitized ? 3 : 20, 16, 6);
   const open_index index({.dimension = 16, .probes = 2, .labels = true});
   for (int i = 0; i < points.size(); ++i)
     korvex_add(index, points[i], static_cast<std::uint64_t>(i) * 7);

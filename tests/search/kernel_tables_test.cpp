@@ -54,6 +54,7 @@ TEST(KernelTables, EachOfThemBuildsAnIndexThatFindsTheNearest) {
     ASSERT_TRUE(forced) << set.name;
     for (const int metric : {DISTANCE_L2_SQUARE, DISTANCE_L2, DISTANCE_INNER_PRODUCT})
       for (const int dimension : {2, 7, 20, 101, 128}) {
+        if (thread_sanitized && (metric != DISTANCE_L2 || dimension != 101)) continue;
         SCOPED_TRACE(std::string(set.name) + ", metric " + std::to_string(metric) + ", dimension " +
                      std::to_string(dimension));
         // Inner products find long vectors alone unless all are of one length.

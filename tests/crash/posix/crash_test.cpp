@@ -133,7 +133,7 @@ class Crash : public testing::Test {
   // Kills the program, lets the damage happen and looks whether the index comes back, many times.
   void at_random_moments(const char* what, bool with_device, const std::function<void()>& damage) {
     std::map<phase, int> moments;
-    const unsigned wanted = from_environment("KORVEX_CRASH_MOMENTS", 5);
+    const unsigned wanted = from_environment("KORVEX_CRASH_MOMENTS", sanitized ? 2 : 5);
     for (unsigned moment = 0; moment < wanted && !HasFailure(); ++moment) {
       SCOPED_TRACE("KORVEX_CRASH_SEED=" + std::to_string(seed_) + ", moment " +
                    std::to_string(moment));
