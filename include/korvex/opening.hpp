@@ -127,8 +127,10 @@ inline std::shared_ptr<core> open(const index_options& options) {
   if (stored) require_same(options, *stored);
   const korvex_description_s made = stored ? *stored : description_of(options);
   const std::string directory = path_text(options);
-  hnsw_s* const record = korvex_init(made.dimension, 0, directory.c_str(), options.name.c_str());
-  if (record == nullptr)
+  const auto close = [](hnsw_s* record) { korvex_free(record); };
+  std::unique_ptr<hnsw_s, decltype(close)> unowned(
+      korvex_init(made.dimension, 0, directory.c_str(), options.name.c_str()), close);
+  if (unowned == nullptr)
     throw error(errc::unavailable,
                 options.directory.empty()
                     ? std::string("an index in memory cannot be made here: memory is short, or "
@@ -136,7 +138,8 @@ inline std::shared_ptr<core> open(const index_options& options) {
                     : title(options) +
                           " cannot be opened: it is in use, or its folder cannot be "
                           "written; the log tells which");
-  auto opened = std::make_shared<core>(record, made, *metric_of(made));
+  auto opened = std::make_shared<core>(unowned.get(), made, *metric_of(made));
+  hnsw_s* const record = unowned.release();
   if (!stored) set_new(record, options);
   set_running(record, options);
   if (korvex_init_memory(record) != 0)

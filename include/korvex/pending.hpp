@@ -20,27 +20,39 @@ class running_search {
   virtual void more() = 0;
 };
 
+// A session of the engine; its end waits for a search that is under way.
+class engine_session {
+ public:
+  engine_session(hnsw_s* record, std::size_t k)
+      : record_(record), id_(korvex_search_init(record, static_cast<int>(k), nullptr)) {}
+  ~engine_session() { korvex_search_free(record_, id_); }
+  engine_session(const engine_session&) = delete;
+  engine_session& operator=(const engine_session&) = delete;
+  std::uint32_t id() const { return id_; }
+
+ private:
+  hnsw_s* const record_;
+  const std::uint32_t id_;  // 0 when memory was short
+};
+
 // One on the index's search threads, through a session of the engine.
 class session_search final : public running_search {
  public:
   session_search(std::shared_ptr<core> index, std::span<const float> query, std::size_t k,
                  int radius)
-      : index_(std::move(index)),
-        session_(korvex_search_init(index_->record(), static_cast<int>(k), nullptr)) {
-    if (session_ == 0) throw error(errc::no_room, "memory does not suffice for a search session");
-    korvex_search_set_callbacks(index_->record(), session_, nullptr, finished, this);
+      : index_(std::move(index)), session_(index_->record(), k) {
+    if (session_.id() == 0)
+      throw error(errc::no_room, "memory does not suffice for a search session");
+    korvex_search_set_callbacks(index_->record(), session_.id(), nullptr, finished, this);
     std::vector<float> room;
     const float* const row = index_->within_range(query, &room).data();
-    if (korvex_search(index_->record(), session_, row, radius, static_cast<int>(k)) == 0) return;
+    if (korvex_search(index_->record(), session_.id(), row, radius, static_cast<int>(k)) == 0)
+      return;
     done_ = true;
     empty_ = index_->counts().added == 0;
     if (empty_) return;
-    korvex_search_free(index_->record(), session_);
     throw error(errc::no_room, "memory does not suffice for the search");
   }
-  // Waits for a search that is under way.
-  ~session_search() override { korvex_search_free(index_->record(), session_); }
-
   bool wait_for(std::chrono::milliseconds time) override {
     std::unique_lock lock(lock_);
     return ended_.wait_for(lock, time, [this] { return done_; });
@@ -48,7 +60,7 @@ class session_search final : public running_search {
 
   hits get() override {
     hits row;
-    const korvex_results_s* const found = korvex_search_result(index_->record(), session_, 0);
+    const korvex_results_s* const found = korvex_search_result(index_->record(), session_.id(), 0);
     for (std::uint32_t i = 0; found != nullptr && i < found->count; ++i)
       row.push_back({found->ids[i], index_->own_scale(found->distances[i])});
     return row;
@@ -62,7 +74,7 @@ class session_search final : public running_search {
       ended_.wait(lock, [this] { return done_; });
       done_ = false;
     }
-    if (korvex_search_more(index_->record(), session_) == 0) return;
+    if (korvex_search_more(index_->record(), session_.id()) == 0) return;
     std::lock_guard lock(lock_);
     done_ = true;
     throw error(errc::no_room, "memory does not suffice to go on searching");
@@ -80,9 +92,9 @@ class session_search final : public running_search {
   const std::shared_ptr<core> index_;
   std::mutex lock_;
   std::condition_variable ended_;
-  bool done_ = false;   // under lock_
-  bool empty_ = false;  // nothing was there to be searched
-  const std::uint32_t session_;
+  bool done_ = false;             // under lock_
+  bool empty_ = false;            // nothing was there to be searched
+  const engine_session session_;  // the last to be made and the first to go
 };
 
 // One on a thread of its own: the filtered search needs its caller's thread.

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <limits>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -101,6 +102,14 @@ void select_metric_if_unset(hnsw_s* hnsw) {
   korvex_select_metric(hnsw, hnsw->distance_type != 0
                                  ? static_cast<korvex_distance_type>(hnsw->distance_type)
                                  : DISTANCE_L2_SQUARE);
+}
+
+// The start-up makes the metric that could not be made when it was asked for.
+void keep_wish(hnsw_s* hnsw, korvex_distance_type type) {
+  delete hnsw->distance;
+  hnsw->distance = nullptr;
+  hnsw->distance_type = type;
+  hnsw->runtime->distance_function.store(nullptr);
 }
 
 class startup {
@@ -255,12 +264,16 @@ void korvex_process_start() {
 }
 
 void korvex_select_metric(hnsw_s* hnsw, korvex_distance_type type) {
-  std::unique_ptr<DistanceInterface> chosen =
-      create_distance(type, static_cast<int>(hnsw->dimension));
+  std::unique_ptr<DistanceInterface> chosen;
   float self = 0;
   float opposite = 0;
-  chosen->reference_distance(&self, &opposite);
-  // Nothing can fail from here on.
+  try {
+    chosen = create_distance(type, static_cast<int>(hnsw->dimension));
+    chosen->reference_distance(&self, &opposite);
+  } catch (const std::bad_alloc&) {
+    if (!is_started(hnsw)) keep_wish(hnsw, type);
+    throw;
+  }
   delete hnsw->distance;
   hnsw->distance = chosen.release();
   hnsw->distance_type = type;

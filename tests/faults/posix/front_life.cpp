@@ -9,12 +9,12 @@
 namespace korvex::test {
 namespace {
 
-constexpr int rows = 40;
-constexpr std::size_t dimension = 4;
+constexpr int front_rows = 40;
+constexpr std::size_t front_dimension = 4;
 
-const std::array<float, rows * dimension>& data() {
+const std::array<float, front_rows * front_dimension>& front_data() {
   static const auto made = [] {
-    std::array<float, rows * dimension> values{};
+    std::array<float, front_rows * front_dimension> values{};
     unsigned state = 1;
     for (float& value : values)
       value = static_cast<float>((state = state * 1103515245 + 12345) >> 22);
@@ -23,8 +23,8 @@ const std::array<float, rows * dimension>& data() {
   return made;
 }
 
-std::span<const float> row(std::size_t number) {
-  return std::span(data()).subspan(number * dimension, dimension);
+std::span<const float> front_row(std::size_t number) {
+  return std::span(front_data()).subspan(number * front_dimension, front_dimension);
 }
 
 // What a caller of the front sees of a failure.
@@ -45,7 +45,7 @@ void front_life::live() {
   attempt("opening", [&] {
     return done([&] {
       index_options options;
-      options.dimension = dimension;
+      options.dimension = front_dimension;
       options.directory = directory_;
       options.name = "front";
       options.labels = true;
@@ -57,10 +57,10 @@ void front_life::live() {
     });
   });
   if (!index) return;
-  for (id_type i = 0; i < rows; ++i)
+  for (id_type i = 0; i < front_rows; ++i)
     attempt("adding", [&] {
       return done([&] {
-        EXPECT_EQ(index->add(row(i), i), i);
+        EXPECT_EQ(index->add(front_row(i), i), i);
         return true;
       });
     });
@@ -69,12 +69,12 @@ void front_life::live() {
   const auto finds = [](const hits& found, id_type wanted) {
     return !found.empty() && found[0].id == wanted && found[0].distance < 1e-3f;
   };
-  attempt("search", [&] { return done([&] { return finds(index->search(row(7), 3), 7); }); });
+  attempt("search", [&] { return done([&] { return finds(index->search(front_row(7), 3), 7); }); });
   attempt("filtered search",
-          [&] { return done([&] { return finds(index->search(row(9), 3, filtered), 9); }); });
+          [&] { return done([&] { return finds(index->search(front_row(9), 3, filtered), 9); }); });
   attempt("search_async", [&] {
     return done([&] {
-      pending search = index->search_async(row(11), 3);
+      pending search = index->search_async(front_row(11), 3);
       const hits first = search.get();
       search.more();
       const hits next = search.get();
@@ -82,13 +82,13 @@ void front_life::live() {
     });
   });
   attempt("filtered search_async", [&] {
-    return done([&] { return finds(index->search_async(row(13), 3, filtered).get(), 13); });
+    return done([&] { return finds(index->search_async(front_row(13), 3, filtered).get(), 13); });
   });
   attempt("vector_at", [&] {
     return done([&] {
       index->remove(3);
       index->restore(3);
-      return index->vector_at(3).size() == dimension && index->stats().live == rows;
+      return index->vector_at(3).size() == front_dimension && index->stats().live == front_rows;
     });
   });
 }

@@ -277,6 +277,12 @@ void operator delete(void* data, std::size_t) noexcept {
 void operator delete[](void* data, std::size_t) noexcept {
   std::free(data);
 }
+void operator delete(void* data, const std::nothrow_t&) noexcept {
+  std::free(data);
+}
+void operator delete[](void* data, const std::nothrow_t&) noexcept {
+  std::free(data);
+}
 void operator delete(void* data, std::align_val_t) noexcept {
   std::free(data);
 }
