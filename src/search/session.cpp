@@ -33,6 +33,12 @@ int wanted_results(int k) {
   return static_cast<int>(std::min<std::int64_t>(k < 1 ? default_k : k, max_k));
 }
 
+// Who asks for more than there is gets room for what there is, and for some that may come.
+std::int64_t at_most_what_there_is(const hnsw_s* hnsw, std::int64_t wanted) {
+  constexpr std::int64_t always_granted = 1 << 16;
+  return std::min(wanted, std::max<std::int64_t>(load_counter(hnsw->added), always_granted));
+}
+
 jobq_s* create_queue(const hnsw_s* hnsw) {
   jobq_s* const queue = jobq_init();
   if (queue == nullptr) return nullptr;
@@ -71,7 +77,8 @@ session_attachment* create_attachment(hnsw_s* hnsw) {
 // A store for k results; one that is large enough stays.
 bool korvex_search_results_alloc(hnsw_s* hnsw, korvex_search_ctx_s* session, int k) {
   session_attachment& attachment = *session->attachment;
-  const auto capacity = static_cast<std::uint32_t>(std::max(wanted_results(k), default_k));
+  const auto capacity = static_cast<std::uint32_t>(
+      at_most_what_there_is(hnsw, std::max(wanted_results(k), default_k)));
   if (attachment.results != nullptr && attachment.results->capacity >= capacity) return true;
   korvex_search_results_s* const store =
       results_create(capacity, std::max(hnsw->runtime->probe_count, 1u));
@@ -85,7 +92,7 @@ std::uint32_t candidates_to_look_at(const hnsw_s* hnsw, int radius, int k) {
   std::int64_t ef = std::max<std::int64_t>(k, radius);
   if (hnsw->validate_parameters != 0) ef = std::max<std::int64_t>(ef, 2 * std::int64_t{k});
   ef = std::max<std::int64_t>(ef, hnsw->runtime->neighbour_count);
-  return static_cast<std::uint32_t>(std::min(ef, 2 * max_k));
+  return static_cast<std::uint32_t>(at_most_what_there_is(hnsw, std::min(ef, 2 * max_k)));
 }
 
 void give_back(korvex_search_ctx_s* session) {

@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace korvex {
@@ -158,6 +160,31 @@ TEST(Kernels, OnlyTheFmaMembersFuse) {
 }
 
 #if defined(__x86_64__)
+// The compiler's own look at the processor, so that no set is left out where it could run.
+TEST(Kernels, EverySetThatTheProcessorRunsIsOffered) {
+  const bool fma = __builtin_cpu_supports("fma") != 0;
+  const std::pair<const char*, bool> sets[] = {
+      {"avx512f_fma", __builtin_cpu_supports("avx512f") != 0 && fma},
+      {"avx512f", __builtin_cpu_supports("avx512f") != 0},
+      {"avx2_fma", __builtin_cpu_supports("avx2") != 0 && fma},
+      {"avx2", __builtin_cpu_supports("avx2") != 0},
+      {"avx_fma", __builtin_cpu_supports("avx") != 0 && fma},
+      {"avx", __builtin_cpu_supports("avx") != 0},
+      {"sse41", __builtin_cpu_supports("sse4.1") != 0},
+      {"sse3", __builtin_cpu_supports("sse3") != 0},
+      {"sse2", true},
+      {"sse", true},
+      {"default", true}};
+  for (const auto& [name, runs] : sets) {
+    const auto offered = supported_kernels();
+    EXPECT_EQ(
+        std::any_of(offered.begin(), offered.end(),
+                    [name = name](const kernel_set& set) { return std::string(set.name) == name; }),
+        runs)
+        << name;
+  }
+}
+
 cpu_features features_up_to(const std::string& best) {
   cpu_features f{};
   auto next = [&, on = true](std::uint8_t& flag, const char* name) mutable {

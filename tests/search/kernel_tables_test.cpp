@@ -3,6 +3,7 @@
 #include "engine/index_fixture.h"
 #include "math/kernels.h"
 #include "search/direct.h"
+#include "search/session.h"
 
 namespace korvex {
 namespace {
@@ -46,6 +47,20 @@ void expect_exact_answers(const open_index& index, int metric, const cloud& poin
   }
 }
 
+// The same through the queue.
+void expect_exact_answer_of_a_session(const open_index& index, int metric, const cloud& points,
+                                      const float* query) {
+  const std::uint32_t sid = korvex_search_init(index, k, nullptr);
+  ASSERT_EQ(korvex_search(index, sid, query, n_points, k), 0u);
+  const korvex_results_s& found = *korvex_search_result(index, sid, 0);
+  ASSERT_EQ(found.count, static_cast<std::uint32_t>(k));
+  const std::vector<double> keys = exact_keys(metric, points, query);
+  for (std::size_t i = 0; i < k; ++i)
+    EXPECT_NEAR(plain_key(metric, query, points[static_cast<int>(found.ids[i])], points.dimension),
+                keys[i], 1e-5 * std::max(std::fabs(keys.front()), std::fabs(keys.back())));
+  korvex_search_free(index, sid);
+}
+
 // Of each kind of dimension one: below the narrow kernels, narrow with a rest, narrow, wide with a
 // rest, wide.
 TEST(KernelTables, EachOfThemBuildsAnIndexThatFindsTheNearest) {
@@ -67,6 +82,7 @@ TEST(KernelTables, EachOfThemBuildsAnIndexThatFindsTheNearest) {
         }
         for (const direct_way way : {direct_way::walk, direct_way::scan})
           expect_exact_answers(index, metric, points, queries, way);
+        expect_exact_answer_of_a_session(index, metric, points, queries[0]);
       }
   }
 }

@@ -8,6 +8,7 @@
 #include "engine/index_fixture.h"
 #include "engine/points.h"
 #include "engine/walk.h"
+#include "search/session_record.h"
 
 namespace korvex {
 namespace {
@@ -314,6 +315,17 @@ TEST(Session, BadInputHasItsFailureValueAndHarmsNothing) {
     korvex_validate_parameters(index, 0);
     asking.ask(bad[0], 10, 10);  // not a number sorts last; nothing is promised but an end
   }
+}
+
+TEST(Session, AskingForMoreThanThereIsTakesNoRoomForIt) {
+  const cloud points = make_clusters(40, 4, 3);
+  const open_index index({.dimension = 4, .probes = 2}, points);
+  const int most = std::numeric_limits<int>::max();
+  const session query(index, most);
+  EXPECT_EQ(query.ask(points[0], most, most).ids.size(), 40u);
+  const korvex_search_ctx_s& record = *session_of(index, query);
+  EXPECT_LE(record.attachment->results->capacity, 1u << 16);
+  EXPECT_LE(record.ef, 1u << 16);
 }
 
 TEST(Session, ViewsAndCopiesLastUntilTheNextSearch) {
