@@ -24,7 +24,7 @@ Element load(const unsigned char* bytes, std::endian order) {
 template <typename Element, typename Number>
 void convert(const unsigned char* raw, std::size_t count, std::endian order, Number* out) {
   for (std::size_t i = 0; i < count; ++i)
-    out[i] = static_cast<Number>(load<Element>(raw + i * sizeof(Element), order));
+    out[i] = number_of<Number>(load<Element>(raw + i * sizeof(Element), order));
 }
 
 }  // namespace

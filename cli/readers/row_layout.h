@@ -4,7 +4,9 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
+#include <type_traits>
 
 #include "cli/readers/byte_source.h"
 #include "cli/readers/vector_file.h"
@@ -50,6 +52,19 @@ class row_reader {
   const row_layout layout_;
   std::uint64_t next_row_ = 0;
 };
+
+// A fraction read as a whole number ends at the point, and at the ends of the range; what is no number is 0.
+template <typename Number, typename Element>
+Number number_of(Element value) {
+  if constexpr (std::is_floating_point_v<Element> && std::is_integral_v<Number>) {
+    using limits = std::numeric_limits<Number>;
+    constexpr Element beyond = -static_cast<Element>(limits::min());  // a power of two
+    if (value != value) return 0;
+    if (value >= beyond) return limits::max();
+    if (value < -beyond) return limits::min();
+  }
+  return static_cast<Number>(value);
+}
 
 // Elements of the file to float, double or std::int64_t. Whole numbers to std::int64_t keep their
 // bits.

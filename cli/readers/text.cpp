@@ -7,6 +7,8 @@
 #include <cmath>
 #include <string_view>
 
+#include "cli/readers/row_layout.h"
+
 namespace korvex::cli {
 
 namespace {
@@ -93,7 +95,7 @@ class text_file final : public vector_file {
   template <typename Number>
   Number number(std::string_view word) const {
     if (element_ == element_type::u64) return static_cast<Number>(parsed<std::uint64_t>(word));
-    return static_cast<Number>(parsed<double>(word));
+    return number_of<Number>(parsed<double>(word));
   }
 
   template <typename Number>

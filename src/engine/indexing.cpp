@@ -31,7 +31,7 @@ bool has_neighbours(const korvex_runtime_s& runtime, std::uint32_t id) {
 // of its own, and must not be waited for.
 bool settled(const hnsw_s* hnsw, std::uint32_t id) {
   const korvex_runtime_s& runtime = *hnsw->runtime;
-  if (id > hnsw->taken) return false;
+  if (id > load_counter(hnsw->taken)) return false;
   const auto before = [](const handover_s& waiting, std::uint32_t value) {
     return waiting.star < value;
   };
@@ -195,7 +195,7 @@ void* korvex_indexing_thread(void* argument) {
 // Under the insert lock, when no indexing threads are configured.
 void link_inline(hnsw_s* hnsw, std::uint32_t id) {
   korvex_runtime_s& runtime = *hnsw->runtime;
-  std::atomic_ref(hnsw->taken).store(id);
+  std::atomic_ref(hnsw->taken).store(id);  // without add_lock: nobody else hands points out
   const claimed_point point{id, read_handover(runtime, id)};
   if (needs_no_linking(hnsw, point)) {
     count_networked(hnsw);

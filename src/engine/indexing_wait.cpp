@@ -18,7 +18,7 @@ bool linked_up_to(const hnsw_s* hnsw, std::uint32_t last) {
   if (load_counter(hnsw->networked) >= load_counter(hnsw->added)) return true;
   korvex_runtime_s& runtime = *hnsw->runtime;
   std::lock_guard lock(runtime.add_lock);
-  if (hnsw->taken < last || !runtime.relink.empty()) return false;
+  if (load_counter(hnsw->taken) < last || !runtime.relink.empty()) return false;
   const auto unfinished = [last](std::uint32_t id) { return id <= last; };
   if (std::any_of(runtime.in_flight.begin(), runtime.in_flight.end(), unfinished)) return false;
   return std::none_of(runtime.deferred, runtime.deferred + runtime.deferred_count,

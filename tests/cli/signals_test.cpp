@@ -13,19 +13,12 @@ using testing_support::fvecs;
 using testing_support::random_matrix;
 using testing_support::ToolTest;
 
-// Enough for a build of some tenths of a second.
-constexpr int signal_rows = test::thread_sanitized ? 1'000 : 3'000;
-
-std::string grouped(int n) {
-  return std::to_string(n / 1'000) + ",000";
-}
-
 // Ctrl-C, terminals and pipes.
 class Signals : public ToolTest {
  protected:
   void SetUp() override {
     ToolTest::SetUp();
-    write("base.fvecs", fvecs(random_matrix(signal_rows, 16, 1)));
+    write("base.fvecs", fvecs(random_matrix(3'000, 16, 1)));
   }
 };
 
@@ -56,7 +49,7 @@ TEST_F(Signals, WhatAnInterruptedBuildReportsIsThereAndVerifies) {
     EXPECT_EQ(json::parse(out_)["statistics"]["points"], added);
     EXPECT_EQ(json::parse(out_)["statistics"]["unlinked"], 0);
     // Every reported vector is found as the nearest of itself.
-    const std::uint64_t asked = std::min<std::uint64_t>(added, signal_rows);
+    const std::uint64_t asked = std::min<std::uint64_t>(added, 3'000);
     ASSERT_EQ(run("search index base.fvecs -k 1 --radius 100 -o ids.ivecs --distances far.fvecs "
                   "--rows " +
                   std::to_string(asked)),
@@ -80,18 +73,22 @@ TEST_F(Signals, AWaitForStandardInputEndsAtTheFirstSignal) {
 
 TEST_F(Signals, OnATerminalABuildShowsProgressAndInAPipeNone) {
   if (!has_program("script")) GTEST_SKIP() << "util-linux's script is not installed";
-  const std::string build = KORVEX_TOOL_PATH " build terminal base.fvecs --threads 1 --radius " +
-                            std::to_string(test::thread_sanitized ? 300 : 2'000);
+  // Long enough to be redrawn.
+  const std::string thousands = test::thread_sanitized ? "1" : "3";
+  write("some.fvecs", fvecs(random_matrix(test::thread_sanitized ? 1'000 : 3'000, 16, 1)));
+  const std::string radius =
+      std::string(" --threads 1 --radius ") + (test::thread_sanitized ? "300" : "2000");
+  const std::string build = KORVEX_TOOL_PATH " build terminal some.fvecs" + radius;
   ASSERT_EQ(shell("script -qefc '" + build + "' typescript >shown"), 0) << err_;
   const std::string shown = read_file(path("shown"));
   EXPECT_NE(shown.find("adding: "), std::string::npos) << shown;
-  EXPECT_NE(shown.find(" of " + grouped(signal_rows) + ", "), std::string::npos) << shown;
+  EXPECT_NE(shown.find(" of " + thousands + ",000, "), std::string::npos) << shown;
   EXPECT_NE(shown.find("/s, "), std::string::npos) << shown;
   EXPECT_NE(shown.find(" left"), std::string::npos) << shown;
-  EXPECT_NE(shown.find("added " + grouped(signal_rows) + " vectors"), std::string::npos) << shown;
+  EXPECT_NE(shown.find("added " + thousands + ",000 vectors"), std::string::npos) << shown;
   ASSERT_EQ(shell("script -qefc '" + build + " --name quiet --quiet' typescript >shown"), 0);
   EXPECT_EQ(read_file(path("shown")).find("adding"), std::string::npos);
-  ASSERT_EQ(shell("korvex build pipe base.fvecs 2>&1 | cat"), 0);
+  ASSERT_EQ(shell("korvex build pipe some.fvecs" + radius + " 2>&1 | cat"), 0);
   EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), 1) << out_;
   EXPECT_EQ(out_.find('\r'), std::string::npos);
 }
@@ -115,7 +112,7 @@ TEST_F(Signals, AnIndexInUseIsRefused) {
                   "korvex search index base.fvecs; echo $?; korvex delete index 1; echo $?; "
                   "korvex build index base.fvecs; echo $?; wait"),
             0);
-  EXPECT_TRUE(out_.starts_with("1\n1\n1\nadded " + grouped(2 * signal_rows))) << out_;
+  EXPECT_TRUE(out_.starts_with("1\n1\n1\nadded " + "6,000")) << out_;
   EXPECT_NE(err_.find("is in use"), std::string::npos) << err_;
   EXPECT_EQ(run("verify index"), 0) << out_;
 }
