@@ -112,7 +112,7 @@ TEST_F(Signals, AnIndexInUseIsRefused) {
                   "korvex search index base.fvecs; echo $?; korvex delete index 1; echo $?; "
                   "korvex build index base.fvecs; echo $?; wait"),
             0);
-  EXPECT_TRUE(out_.starts_with("1\n1\n1\nadded " + "6,000")) << out_;
+  EXPECT_TRUE(out_.starts_with("1\n1\n1\nadded 6,000")) << out_;
   EXPECT_NE(err_.find("is in use"), std::string::npos) << err_;
   EXPECT_EQ(run("verify index"), 0) << out_;
 }
