@@ -77,6 +77,8 @@ void settle_dropped(korvex_runtime_s& runtime, graph_record graph, std::uint32_t
 
 bool hold_link(korvex_runtime_s& runtime, graph_record graph, std::uint32_t node,
                std::uint32_t id) {
+  // Another thread may have put the link there since the caller looked, before the lock was taken.
+  if (contains(runtime, graph, id)) return true;
   const std::uint32_t length = length_of(runtime, graph);
   if (length < runtime.neighbour_count) {
     if (length + 1 < runtime.neighbour_count) graph.set_slot(length + 1, 0);
