@@ -34,6 +34,9 @@ constexpr std::uint64_t never = ~std::uint64_t{0};
 constexpr double cost_of_candidate = 52;
 constexpr double cost_of_candidate_squared = 0.002;
 
+// Of a star array; a walk makes up for a poorer entry point with less than the others cost.
+constexpr std::uint32_t fewest_stars = 16;
+
 struct bitstore_deleter {
   void operator()(bitstore_s* bits) const { bitstore_free(bits); }
 };
@@ -178,7 +181,7 @@ class direct_query {
     query.vector = scratch_.unit.get();
     query.aux = scratch_.magnitude;
     vector_hash_node_s answer;
-    vector_hash_search(runtime_.hash[probe], &query, &answer);
+    vector_hash_search_few(runtime_.hash[probe], std::max(fewest_stars, ef_ / 8), &query, &answer);
     const std::uint32_t seed = probe_seed(hnsw_, probe);
     return usable_entry(hnsw_, answer.id != 0 ? answer.id : seed, seed);
   }

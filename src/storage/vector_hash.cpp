@@ -72,6 +72,7 @@ star_slots fetch_array(vectpool_c* pool, std::uint32_t lid, std::uint32_t width)
 }
 
 constexpr std::uint32_t scan_chunk = 128;
+constexpr std::uint32_t every_star = ~std::uint32_t{0};
 
 void star_distances(const vector_hash_s* vh, const std::uint32_t* ids, std::uint32_t count,
                     vector_hash_node_s* node, vector_hash_mode mode, float* out) {
@@ -201,8 +202,8 @@ int descend(vector_hash_s* vh, vector_hash_link_s& ring, vector_hash_node_s* nod
   return 0;
 }
 
-// Greedy, never back: the nearest star of an array leads to the next one.
-void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring,
+// Greedy, never back: the nearest star of an array, of its first `most` ones, leads to the next one.
+void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring, std::uint32_t most,
                               vector_hash_node_s* query, vector_hash_node_s* answer) {
   float radius = ring.radius;
   link_ref link{&ring.id, &ring.lid};
@@ -218,11 +219,12 @@ void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring,
       return;
     }
     const std::uint32_t width = vector_hash_width_at(vh->width_narrow, radius);
-    const star_slots slots = fetch_array(vh->pool, lid, width);
+    star_slots slots = fetch_array(vh->pool, lid, width);
     if (slots.first == nullptr) {
       KORVEX_LOG("*** BUG *** null l for ep->lid %u\n", lid);
       return;
     }
+    slots.count = std::min(slots.count, most);
     const scan_result found = scan_stars(vh, slots, query, vector_hash_mode_search);
     if (found.nearest == nullptr) return;
     if (found.distance < answer->best) {
@@ -251,7 +253,7 @@ struct carried_answer {
     if (!has_stars(vh->rings[ring])) return false;
     answer->id = id;
     answer->best = best;
-    vector_hash_search_point(vh, vh->rings[ring], query, answer);
+    vector_hash_search_point(vh, vh->rings[ring], every_star, query, answer);
     id = answer->id;
     best = answer->best;
     return best < near_enough;
@@ -408,6 +410,20 @@ int vector_hash_search(vector_hash_s* vh, vector_hash_node_s* query, vector_hash
     if (carried.walk_on(vh, next, query, answer, r)) break;
   }
   return 0;
+}
+
+void vector_hash_search_few(vector_hash_s* vh, std::uint32_t most, vector_hash_node_s* query,
+                            vector_hash_node_s* answer) {
+  clear_answer(answer);
+  if (load(vh->ep_id, std::memory_order_acquire) == 0) return;
+  const int g = ring_of(anchor_distance(vh, query));
+  for (const int ring : {g, g - 1, g + 1}) {
+    if (ring < 0 || ring >= vector_hash_rings || !has_stars(vh->rings[ring])) continue;
+    vector_hash_search_point(vh, vh->rings[ring], most, query, answer);
+    if (answer->id == 0) continue;
+    answer->ring = ring;
+    return;
+  }
 }
 
 }  // namespace korvex
