@@ -36,9 +36,12 @@ void prefetch_vector(const korvex_runtime_s& runtime, std::uint32_t id) {
 bool diverse(const korvex_runtime_s& runtime, const korvex_nbrs_s& nbrs, std::uint32_t chosen,
              const float* candidate, float key) {
   if (candidate == nullptr) return true;
+  const row_scorer scorer(runtime);
+  const float direction = runtime.direction.load(std::memory_order_relaxed);
   for (std::uint32_t i = 0; i < chosen; ++i) {
     const float* const other = nbrs.selection_vectors[i];
-    if (other != nullptr && key_between(runtime, candidate, other) < key) return false;
+    if (other != nullptr && key_of(direction, scorer.score_bounded(candidate, other, key)) < key)
+      return false;
   }
   return true;
 }
@@ -149,14 +152,17 @@ class reverse_link {
   void reselect(std::uint32_t neighbour, const float* vector, const graph_record& graph,
                 float key) {
     korvex_nbrs_reset(hnsw_, second_);
-    for (std::uint32_t i = 0; i < runtime_.neighbour_count; ++i)
-      prefetch_vector(runtime_, graph.slot(i));
+    std::uint32_t known = 0;
     for (std::uint32_t i = 0; i < runtime_.neighbour_count; ++i) {
-      const std::uint32_t id = graph.slot(i);
-      const float* const other = vector_or_report(runtime_, id);
-      if (other != nullptr)
-        korvex_nbrs_add(second_, id, key_between(runtime_, vector, other), 0, 0);
+      second_->selection[known] = graph.slot(i);
+      second_->selection_vectors[known] = vector_or_report(runtime_, second_->selection[known]);
+      known += second_->selection_vectors[known] != nullptr ? 1 : 0;
     }
+    row_scorer(runtime_).score(vector, second_->selection_vectors, known, second_->distances);
+    const float direction = runtime_.direction.load(std::memory_order_relaxed);
+    for (std::uint32_t i = 0; i < known; ++i)
+      korvex_nbrs_add(second_, second_->selection[i], key_of(direction, second_->distances[i]), 0,
+                      0);
     korvex_nbrs_add(second_, node_, key, 0, 0);
     korvex_select_nbrs(hnsw_, second_, neighbour, runtime_.neighbour_count, true);
   }

@@ -93,7 +93,8 @@ struct korvex_runtime_s {
   // Direction and kernel follow the metric; changed under startup_lock.
   std::atomic<float> direction{1.0f};
   std::atomic<distance_kernel> distance_function{nullptr};
-  std::atomic<distance_batch4_kernel> distance_batch{nullptr};  // stored before the single one
+  std::atomic<distance_batch4_kernel> distance_batch{nullptr};     // stored before the single one
+  std::atomic<distance_bounded_kernel> distance_bounded{nullptr};  // as well; null: no such kernel
 
   // Lock order: startup, insert, add, store.
   std::mutex startup_lock;

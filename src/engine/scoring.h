@@ -22,17 +22,23 @@ class row_scorer {
   explicit row_scorer(const korvex_runtime_s& runtime)
       : one_(runtime.distance_function.load(std::memory_order_acquire)),
         four_(runtime.distance_batch.load(std::memory_order_relaxed)),
+        bounded_(runtime.distance_bounded.load(std::memory_order_relaxed)),
         dimension_(runtime.dimension),
-        prefetched_bytes_(std::min(runtime.vector_bytes, max_prefetched_bytes)) {}
+        prefetched_bytes_(std::min(runtime.vector_bytes, max_prefetched_bytes)),
+        lead_(runtime.vector_bytes <= short_row_bytes ? 12 : 8) {}
 
+  // How many rows should be on their way while others are compared. More would not be under way at
+  // once: a core keeps track of a few dozen missing cache lines, and the processor itself goes on
+  // reading ahead of the first kilobyte.
+  std::uint32_t lead() const { return lead_; }
   void prefetch(const float* row) const { prefetch_range(row, prefetched_bytes_); }
 
   // rows: `count` addresses, none null. out: `count` distances, in their order.
   void score(const float* query, const float* const* rows, std::uint32_t count, float* out) const {
-    for (std::uint32_t i = 0; i < std::min(lead, count); ++i) prefetch(rows[i]);
+    for (std::uint32_t i = 0; i < std::min(lead_, count); ++i) prefetch(rows[i]);
     for (std::uint32_t i = 0; i < count; i += 4) {
-      const std::uint32_t ahead = std::min(i + lead + 4, count);
-      for (std::uint32_t j = i + lead; j < ahead; ++j) prefetch(rows[j]);
+      const std::uint32_t ahead = std::min(i + lead_ + 4, count);
+      for (std::uint32_t j = i + lead_; j < ahead; ++j) prefetch(rows[j]);
       score_fetched(query, rows + i, std::min(count - i, 4u), out + i);
     }
   }
@@ -47,16 +53,22 @@ class row_scorer {
 
   float score(const float* query, const float* row) const { return one_(query, row, dimension_); }
 
+  // The same for who has no use for distances above `bound`: instead of one of those any value
+  // above it. For vectors that are in the cache.
+  float score_bounded(const float* query, const float* row, float bound) const {
+    return bounded_ != nullptr ? bounded_(query, row, dimension_, bound) : score(query, row);
+  }
+
  private:
-  // More would not be under way at once: a core keeps track of a dozen or two missing cache lines,
-  // and the processor itself goes on reading ahead of the first kilobyte.
-  static constexpr std::uint32_t lead = 8;
   static constexpr std::uint32_t max_prefetched_bytes = 1024;
+  static constexpr std::uint32_t short_row_bytes = 512;
 
   const distance_kernel one_;
   const distance_batch4_kernel four_;
+  const distance_bounded_kernel bounded_;
   const std::uint32_t dimension_;
   const std::uint32_t prefetched_bytes_;
+  const std::uint32_t lead_;
 };
 
 }  // namespace korvex

@@ -285,6 +285,9 @@ void korvex_select_metric(hnsw_s* hnsw, korvex_distance_type type) {
   runtime.distance_batch.store(
       distance_batch4_function(hnsw->distance_type, static_cast<int>(hnsw->dimension)),
       std::memory_order_relaxed);
+  runtime.distance_bounded.store(
+      distance_bounded_function(hnsw->distance_type, static_cast<int>(hnsw->dimension)),
+      std::memory_order_relaxed);
   runtime.distance_function.store(hnsw->distance_function, std::memory_order_release);
 }
 

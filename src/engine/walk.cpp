@@ -202,29 +202,46 @@ class graph_walk {
                      static_cast<std::uint32_t>((neighbour_count_ + 1) * sizeof(std::uint32_t)));
   }
 
-  // Collects neighbours from slot `first` on that this walk meets for the first time. The slot to
-  // go on from.
+  // Collects neighbours from slot `first` on that this walk meets for the first time, and asks for
+  // the vectors that are compared first. The slot to go on from.
   std::uint32_t gather(const graph_record& graph, std::uint32_t first) {
     const std::uint32_t end = std::min(first + gather_capacity, neighbour_count_);
     std::uint32_t slot = first;
     gathered_count_ = 0;
-    for (; slot < end; ++slot) {
-      const std::uint32_t id = graph.slot(slot);
-      if (id == 0) break;
-      gathered_[gathered_count_] = id;
-      gathered_count_ += id != node_.id && bitstore_set(session_.visited, id) == 0 ? 1 : 0;
+    asked_count_ = 0;
+    while (slot < end) {
+      const std::uint32_t stop = std::min(slot + gather_step, end);
+      for (; slot < stop; ++slot) {
+        const std::uint32_t id = graph.slot(slot);
+        if (id == 0) break;
+        gathered_[gathered_count_] = id;
+        rows_[gathered_count_] = vector_at(id);
+        gathered_count_ += id != node_.id && bitstore_set(session_.visited, id) == 0 ? 1 : 0;
+      }
+      ask_for_rows(scorer_.lead());
+      if (slot < stop) return neighbour_count_;
     }
-    return slot < end ? neighbour_count_ : end;
+    return end;
   }
 
+  // Rows below `end` that nobody has asked for yet.
+  void ask_for_rows(std::uint32_t end) {
+    for (end = std::min(end, gathered_count_); asked_count_ < end; ++asked_count_)
+      if (rows_[asked_count_] != nullptr) scorer_.prefetch(rows_[asked_count_]);
+  }
+
+  // Compares a few at a time and takes them in, while the next few come from memory.
   bool score() {
     std::uint32_t known = 0;
-    while (known < gathered_count_ && (rows_[known] = vector_at(gathered_[known])) != nullptr)
-      ++known;
-    scorer_.score(node_.vector, rows_, known, distances_);
-    for (std::uint32_t i = 0; i < known; ++i) {
-      ++report_.evaluations;
-      if (!offer(gathered_[i], key_of(direction_, distances_[i]))) return false;
+    while (known < gathered_count_ && rows_[known] != nullptr) ++known;
+    for (std::uint32_t first = 0; first < known; first += score_step) {
+      const std::uint32_t end = std::min(first + score_step, known);
+      ask_for_rows(end + scorer_.lead());
+      scorer_.score_fetched(node_.vector, rows_ + first, end - first, distances_);
+      for (std::uint32_t i = first; i < end; ++i) {
+        ++report_.evaluations;
+        if (!offer(gathered_[i], key_of(direction_, distances_[i - first]))) return false;
+      }
     }
     if (known == gathered_count_) return true;
     ++report_.evaluations;
@@ -274,6 +291,8 @@ class graph_walk {
   }
 
   static constexpr std::uint32_t gather_capacity = 64;
+  static constexpr std::uint32_t gather_step = 4;
+  static constexpr std::uint32_t score_step = 4;
   hnsw_s* const hnsw_;
   const korvex_runtime_s& runtime_;
   korvex_session_s& session_;
@@ -296,9 +315,10 @@ class graph_walk {
   float next_key_ = largest_float;  // of the candidate that is expected to be expanded next
   std::uint16_t hops_ = 0;
   std::uint32_t gathered_count_ = 0;
+  std::uint32_t asked_count_ = 0;  // of the gathered ones, their vectors are on their way
   std::uint32_t gathered_[gather_capacity];
   const float* rows_[gather_capacity];
-  float distances_[gather_capacity];
+  float distances_[score_step];
 };
 
 void load_beam(const korvex_nbrs_s& nbrs, walk_beam* beam) {

@@ -13,6 +13,10 @@ using distance_kernel = float (*)(const float* a, const float* b, std::size_t n)
 // One query against four rows: out[i] has the bits of the single kernel for (query, rows[i], n).
 using distance_batch4_kernel = void (*)(const float* query, const float* const* rows, std::size_t n,
                                         float* out);
+// The bits of the single kernel when they are at most `bound`; otherwise any value above it: most of a vector that
+// is too far away is never read.
+using distance_bounded_kernel = float (*)(const float* a, const float* b, std::size_t n,
+                                          float bound);
 // in and out may be the same. Returns the magnitude of in.
 using normalize_kernel = float (*)(const float* in, float* out, std::size_t n);
 
@@ -25,6 +29,7 @@ extern distance_batch4_kernel inner_product_16_batch4;
 extern distance_kernel l2_square_16;
 extern distance_kernel l2_square_4;
 extern distance_batch4_kernel l2_square_16_batch4;
+extern distance_bounded_kernel l2_square_16_bounded;
 extern normalize_kernel normalize_vector;
 
 // Threads     any; the first call resolves, the others wait for it and do nothing.
@@ -47,6 +52,7 @@ struct kernel_set {
   distance_batch4_kernel inner_product_16_batch4;
   distance_kernel l2_square_16, l2_square_4;
   distance_batch4_kernel l2_square_16_batch4;
+  distance_bounded_kernel l2_square_16_bounded;
   normalize_kernel normalize_vector;
 };
 
@@ -79,6 +85,9 @@ distance_kernel space_l2_get_distance_function(int dim);
 distance_batch4_kernel space_inner_product_get_batch4_function(int dim);
 distance_batch4_kernel space_l2_square_get_batch4_function(int dim);
 distance_batch4_kernel space_l2_get_batch4_function(int dim);
+// Null where vectors are too short for it to pay. An inner product may fall again, so it has none.
+distance_bounded_kernel space_l2_square_get_bounded_function(int dim);
+distance_bounded_kernel space_l2_get_bounded_function(int dim);
 
 }  // namespace korvex
 

@@ -5,6 +5,9 @@
 namespace korvex {
 namespace {
 
+// Below it the whole vector has been asked for from memory by the time of the first look.
+constexpr int min_bounded_dimension = 256;
+
 constexpr std::size_t whole_blocks(std::size_t n, std::size_t width) {
   return n & ~(width - 1);
 }
@@ -56,6 +59,25 @@ void split_16_batch4(const float* query, const float* const* rows, std::size_t n
   Family::wide_batch4(query, rows, blocks, out);
   for (int row = 0; row < 4; ++row)
     out[row] += split_4<Family>(query + blocks, rows[row] + blocks, n - blocks);
+}
+
+// The wide part has more floats than the rest, which is added last.
+float split_16_bounded(const float* a, const float* b, std::size_t n, float bound) {
+  const std::size_t blocks = whole_blocks(n, 16);
+  const float wide = l2_square_16_bounded(a, b, blocks, bound);
+  if (wide > bound) return wide;
+  return wide + split_4<l2_square_family>(a + blocks, b + blocks, n - blocks);
+}
+
+float wide_bounded(const float* a, const float* b, std::size_t n, float bound) {
+  return l2_square_16_bounded(a, b, n, bound);
+}
+
+// The margin keeps the root of what was given up above the bound.
+template <distance_bounded_kernel Bounded>
+float root_bounded(const float* a, const float* b, std::size_t n, float bound) {
+  constexpr float margin = 1.00001f;
+  return std::sqrt(Bounded(a, b, n, bound * bound * margin));
 }
 
 template <distance_kernel Kernel>
@@ -151,6 +173,16 @@ distance_batch4_kernel space_l2_get_batch4_function(int dim) {
       root_batch4<family::wide_batch4>, root_batch4<split_16_batch4<family>>,
       one_by_one_batch4<l2_4>, one_by_one_batch4<l2>, one_by_one_batch4<l2_4_plus>}
       .choose(dim);
+}
+
+distance_bounded_kernel space_l2_square_get_bounded_function(int dim) {
+  if (dim < min_bounded_dimension) return nullptr;
+  return dim % 16 == 0 ? wide_bounded : split_16_bounded;
+}
+
+distance_bounded_kernel space_l2_get_bounded_function(int dim) {
+  if (dim < min_bounded_dimension) return nullptr;
+  return dim % 16 == 0 ? root_bounded<wide_bounded> : root_bounded<split_16_bounded>;
 }
 
 }  // namespace korvex

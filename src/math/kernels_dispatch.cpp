@@ -12,6 +12,7 @@ distance_batch4_kernel inner_product_16_batch4;
 distance_kernel l2_square_16;
 distance_kernel l2_square_4;
 distance_batch4_kernel l2_square_16_batch4;
+distance_bounded_kernel l2_square_16_bounded;
 normalize_kernel normalize_vector;
 
 namespace {
@@ -21,20 +22,21 @@ struct member_row {
   kernel_set members;  // null where the instruction set has no member of the kind
 };
 
-#define KORVEX_WIDE_ROW(suffix, condition)                                                        \
-  {                                                                                               \
-    [](const cpu_features& f) -> bool { return condition; }, {                                    \
-#suffix, inner_product_16_##suffix, nullptr, inner_product_16_batch4_##suffix,              \
-          l2_square_16_##suffix, nullptr, l2_square_16_batch4_##suffix, normalize_vector_##suffix \
-    }                                                                                             \
+#define KORVEX_WIDE_ROW(suffix, condition)                                           \
+  {                                                                                  \
+    [](const cpu_features& f) -> bool { return condition; }, {                       \
+#suffix, inner_product_16_##suffix, nullptr, inner_product_16_batch4_##suffix, \
+          l2_square_16_##suffix, nullptr, l2_square_16_batch4_##suffix,              \
+          l2_square_16_bounded_##suffix, normalize_vector_##suffix                   \
+    }                                                                                \
   }
-#define KORVEX_ROW(suffix, condition)                                                    \
-  {                                                                                      \
-    [](const cpu_features& f) -> bool { return condition; }, {                           \
-#suffix, inner_product_16_##suffix, inner_product_4_##suffix,                      \
-          inner_product_16_batch4_##suffix, l2_square_16_##suffix, l2_square_4_##suffix, \
-          l2_square_16_batch4_##suffix, normalize_vector_##suffix                        \
-    }                                                                                    \
+#define KORVEX_ROW(suffix, condition)                                                            \
+  {                                                                                              \
+    [](const cpu_features& f) -> bool { return condition; }, {                                   \
+#suffix, inner_product_16_##suffix, inner_product_4_##suffix,                              \
+          inner_product_16_batch4_##suffix, l2_square_16_##suffix, l2_square_4_##suffix,         \
+          l2_square_16_batch4_##suffix, l2_square_16_bounded_##suffix, normalize_vector_##suffix \
+    }                                                                                            \
   }
 
 // Best first: a kernel comes from the first row that runs on the processor and has one of its kind.
@@ -50,14 +52,15 @@ constexpr member_row rows[] = {
     KORVEX_ROW(sse3, f.sse3),
     {[](const cpu_features& f) -> bool { return f.sse2; },
      {"sse2", nullptr, nullptr, nullptr, l2_square_16_sse2, l2_square_4_sse2,
-      l2_square_16_batch4_sse2, normalize_vector_sse2}},
+      l2_square_16_batch4_sse2, l2_square_16_bounded_sse2, normalize_vector_sse2}},
     {[](const cpu_features& f) -> bool { return f.sse; },
      {"sse", inner_product_16_sse, inner_product_4_sse, inner_product_16_batch4_sse, nullptr,
-      nullptr, nullptr, nullptr}},
+      nullptr, nullptr, nullptr, nullptr}},
 #endif
     {[](const cpu_features&) { return true; },
      {"default", inner_product_default, inner_product_default, inner_product_batch4_default,
-      l2_square_default, l2_square_default, l2_square_batch4_default, normalize_vector_default}},
+      l2_square_default, l2_square_default, l2_square_batch4_default, l2_square_bounded_default,
+      normalize_vector_default}},
 };
 constexpr std::size_t row_count = sizeof(rows) / sizeof(rows[0]);
 
@@ -79,6 +82,7 @@ kernel_set resolve_all(const cpu_features& features, std::size_t best_row) {
           resolve(&kernel_set::l2_square_16, features, best_row),
           resolve(&kernel_set::l2_square_4, features, best_row),
           resolve(&kernel_set::l2_square_16_batch4, features, best_row),
+          resolve(&kernel_set::l2_square_16_bounded, features, best_row),
           resolve(&kernel_set::normalize_vector, features, best_row)};
 }
 
@@ -118,6 +122,7 @@ void l2_square_init() {
     l2_square_16 = resolve_l2_square_16();
     l2_square_4 = resolve_l2_square_4();
     l2_square_16_batch4 = supported_kernels()[0].l2_square_16_batch4;
+    l2_square_16_bounded = supported_kernels()[0].l2_square_16_bounded;
   });
 }
 
@@ -155,6 +160,7 @@ bool kernels_force(const char* name) {
     l2_square_16 = set.l2_square_16;
     l2_square_4 = set.l2_square_4;
     l2_square_16_batch4 = set.l2_square_16_batch4;
+    l2_square_16_bounded = set.l2_square_16_bounded;
     normalize_vector = set.normalize_vector;
     return true;
   }

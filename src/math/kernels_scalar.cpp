@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -25,6 +26,16 @@ void inner_product_batch4_default(const float* query, const float* const* rows, 
 void l2_square_batch4_default(const float* query, const float* const* rows, std::size_t n,
                               float* out) {
   for (int row = 0; row < 4; ++row) out[row] = l2_square_default(query, rows[row], n);
+}
+
+float l2_square_bounded_default(const float* a, const float* b, std::size_t n, float bound) {
+  float sum = 0;
+  for (std::size_t i = 0; i < n;) {
+    for (const std::size_t end = std::min(i + bounded_floats, n); i < end; ++i)
+      sum += (a[i] - b[i]) * (a[i] - b[i]);
+    if (sum > bound) break;
+  }
+  return sum;
 }
 
 float normalize_vector_default(const float* in, float* out, std::size_t n) {

@@ -97,6 +97,17 @@ distance_batch4_kernel distance_batch4_function(std::uint32_t type, int dim) {
   }
 }
 
+distance_bounded_kernel distance_bounded_function(std::uint32_t type, int dim) {
+  switch (static_cast<korvex_distance_type>(type)) {
+    case DISTANCE_L2_SQUARE:
+      return space_l2_square_get_bounded_function(dim);
+    case DISTANCE_L2:
+      return space_l2_get_bounded_function(dim);
+    default:
+      return nullptr;
+  }
+}
+
 float cosine_similarity(float dot, float norm_a, float norm_b) {
   return dot / (norm_a * norm_b);
 }

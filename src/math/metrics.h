@@ -95,6 +95,8 @@ std::unique_ptr<DistanceInterface> create_distance(std::uint32_t type, int dim);
 // The batch form of the kernel that create_distance(type, dim) holds; null for a number that is no
 // metric.
 distance_batch4_kernel distance_batch4_function(std::uint32_t type, int dim);
+// The same for its bounded form; null also where there is none.
+distance_bounded_kernel distance_bounded_function(std::uint32_t type, int dim);
 
 // Formulas for vectors of known norm.
 float cosine_similarity(float dot, float norm_a, float norm_b);

@@ -119,6 +119,30 @@ KORVEX_INLINE float distance_16(const float* a, const float* b, std::size_t n) {
   return V::reduce(sum_rows<V, Step, V::unroll, 16>(a, rows, n).total(0));
 }
 
+// Sums that only grow, with a look at them every Checked floats: what is above `bound` by then is
+// returned as it is. Otherwise the operations of distance_16 in their order: the result is the same
+// bits.
+template <class V, std::size_t Checked>
+KORVEX_INLINE float l2_square_16_bounded(const float* a, const float* b, std::size_t n,
+                                         float bound) {
+  constexpr std::size_t step = V::unroll * V::lanes;
+  static_assert(Checked % step == 0 && step >= 16);
+  const float* const rows[1] = {b};
+  partial_sums<V, square_step, 1> sums;
+  sums.clear();
+  std::size_t i = 0;
+  while (n - i > Checked) {
+    for (const std::size_t end = i + Checked; i < end; i += step)
+      sums.template advance<V::unroll>(a, rows, i);
+    const float so_far = V::reduce(sums.total(0));
+    if (so_far > bound) return so_far;
+  }
+  for (const std::size_t whole = n & ~(step - 1); i < whole; i += step)
+    sums.template advance<V::unroll>(a, rows, i);
+  add_rest<V::unroll / 2, 16 / V::lanes, decltype(sums), V>(sums, a, rows, i, n);
+  return V::reduce(sums.total(0));
+}
+
 // At most three blocks reach this kernel in practice, too few to unroll for.
 template <class V, class Step>
 KORVEX_INLINE float distance_4(const float* a, const float* b, std::size_t n) {

@@ -27,6 +27,9 @@ void l2_square_16_batch4_sse3(const float* query, const float* const* rows, std:
                               float* out) {
   distance_16_batch4<V, square_step>(query, rows, n, out);
 }
+float l2_square_16_bounded_sse3(const float* a, const float* b, std::size_t n, float bound) {
+  return l2_square_16_bounded<V, bounded_floats>(a, b, n, bound);
+}
 float normalize_vector_sse3(const float* in, float* out, std::size_t n) {
   return normalize<V>(in, out, n);
 }
