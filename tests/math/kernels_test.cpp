@@ -115,6 +115,24 @@ TEST(Kernels, BatchesGiveTheBitsOfTheSingleForm) {
     });
 }
 
+TEST(Kernels, BoundedFormGivesTheBitsOfTheSingleFormUpToItsBound) {
+  std::mt19937 random(10);
+  for (const kernel_set& isa : supported_kernels())
+    for (const std::size_t n : {16, 128, 144, 256, 272, 640, 784, 1040}) {
+      SCOPED_TRACE(std::string(isa.name) + " n " + std::to_string(n));
+      test_vector a(n, 1, 17, random);
+      test_vector b(n, 3, 17, random);
+      const float whole = isa.l2_square_16(a.data(), b.data(), n);
+      for (const float bound : {whole, std::nextafter(whole, 1e9f), 2 * whole, 3e38f})
+        EXPECT_EQ(isa.l2_square_16_bounded(a.data(), b.data(), n, bound), whole) << bound;
+      for (const float share : {0.0f, 0.1f, 0.3f, 0.5f, 0.9f, 0.9999f}) {
+        const float given_up = isa.l2_square_16_bounded(a.data(), b.data(), n, share * whole);
+        EXPECT_GT(given_up, share * whole);
+        EXPECT_LE(given_up, whole);
+      }
+    }
+}
+
 TEST(Kernels, NormalisationGivesUnitLengthAndReturnsTheMagnitude) {
   std::mt19937 random(9);
   for (const kernel_set& isa : supported_kernels())

@@ -61,6 +61,29 @@ TEST_F(Metrics, MatchTheReferenceInEveryDimensionWithEveryTable) {
   }
 }
 
+TEST_F(Metrics, BoundedFormsStandInForTheMetricBelowTheirBound) {
+  std::mt19937 random(12);
+  for (const kernel_set& isa : supported_kernels()) {
+    ASSERT_TRUE(kernels_force(isa.name));
+    for (const korvex_distance_type type : {DISTANCE_L2_SQUARE, DISTANCE_L2})
+      for (const int dim : {256, 260, 263, 784, 1000}) {
+        SCOPED_TRACE(std::string(isa.name) + " dimension " + std::to_string(dim));
+        const auto number = static_cast<std::uint32_t>(type);
+        const distance_bounded_kernel bounded = distance_bounded_function(number, dim);
+        ASSERT_NE(bounded, nullptr);
+        const std::vector<float> a = random_vector(dim, random);
+        const std::vector<float> b = random_vector(dim, random);
+        const float whole = create_distance(number, dim)->distance(a.data(), b.data());
+        for (const float bound : {whole, 1.5f * whole, 3.4e38f})
+          EXPECT_EQ(bounded(a.data(), b.data(), a.size(), bound), whole);
+        for (const float share : {0.0f, 0.2f, 0.7f, 0.99999f})
+          EXPECT_GT(bounded(a.data(), b.data(), a.size(), share * whole), share * whole);
+      }
+  }
+  EXPECT_EQ(distance_bounded_function(DISTANCE_L2, 255), nullptr) << "would not pay";
+  EXPECT_EQ(distance_bounded_function(DISTANCE_INNER_PRODUCT, 784), nullptr) << "may fall again";
+}
+
 TEST_F(Metrics, KernelFollowsTheDimension) {
   struct row {
     int dim;
@@ -107,6 +130,7 @@ TEST_F(Metrics, OnlyKnownNumbersAreMetrics) {
   for (const std::uint32_t number : {0u, 3u, 5u, 0xFFFFFFFFu}) {
     EXPECT_EQ(create_distance(number, 16), nullptr);
     EXPECT_EQ(distance_batch4_function(number, 16), nullptr);
+    EXPECT_EQ(distance_bounded_function(number, 784), nullptr);
   }
 }
 

@@ -92,6 +92,11 @@ struct hash_fixture {
     EXPECT_EQ(vector_hash_search(vh, &query, &found), 0);
     return found;
   }
+  vector_hash_node_s search_few(const float* v, unsigned most) {
+    vector_hash_node_s query{.query = v, .vector = v}, found;
+    vector_hash_search_few(vh, most, &query, &found);
+    return found;
+  }
 };
 
 // The same sky as plain trees.
@@ -120,12 +125,21 @@ struct model {
     if (d < a.best) a.best = d, a.id = s->id;
     return a.best <= 0.1f || radius / 2 < 0.1f ? 0 : add(s->below, radius / 2, depth + 1, a, id);
   }
-  void walk(std::vector<model_star>& stars, float radius, const float* v, vector_hash_node_s& a) {
+  void walk(const std::vector<model_star>& stars, float radius, const float* v,
+            vector_hash_node_s& a, std::size_t most = ~std::size_t{0}) {
     float d = FLT_MAX;
-    model_star* s = radius < 0.1f ? nullptr : nearest(stars, v, d);
+    std::vector<model_star> seen(stars.begin(), stars.begin() + std::min(most, stars.size()));
+    model_star* s = radius < 0.1f ? nullptr : nearest(seen, v, d);
     if (s == nullptr) return;
     if (d < a.best) a.best = d, a.id = s->id;
-    walk(s->below, radius / 2, v, a);
+    walk(s->below, radius / 2, v, a, most);
+  }
+  vector_hash_node_s search_few(const float* v, int g, unsigned most) {
+    vector_hash_node_s found{.best = FLT_MAX};
+    for (int ring : {g, g - 1, g + 1})
+      if (found.id == 0 && ring >= 0 && ring < vector_hash_rings)
+        walk(rings[ring], static_cast<float>(ring) * 0.1f, v, found, most);
+    return found;
   }
   vector_hash_node_s search(const float* v, int g, float r) {
     vector_hash_node_s found{.best = FLT_MAX}, none{.best = r}, answer = none;
@@ -168,6 +182,11 @@ TEST(VectorHash, MatchesThePlainModel) {
       const vector_hash_node_s want = m.search(points.at(q), got.ring, r);
       ASSERT_EQ(std::tie(got.id, got.best), std::tie(want.id, want.best)) << n << " " << q;
       ++(got.id != 0 ? hits : misses);
+      for (const unsigned most : {1u, 3u, 1000u}) {
+        const vector_hash_node_s few = f.search_few(points.at(q), most);
+        const vector_hash_node_s expected = m.search_few(points.at(q), got.ring, most);
+        ASSERT_EQ(std::tie(few.id, few.best), std::tie(expected.id, expected.best)) << most;
+      }
     }
   }
   EXPECT_GT(std::min(hits, misses), 200u);
