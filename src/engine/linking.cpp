@@ -27,17 +27,15 @@ const float* vector_or_report(const korvex_runtime_s& runtime, std::uint32_t id)
   return vector;
 }
 
-void prefetch_vector(const korvex_runtime_s& runtime, std::uint32_t id) {
+void prefetch_vector(const korvex_runtime_s& runtime, const row_scorer& scorer, std::uint32_t id) {
   const float* const vector = vector_of(runtime, id);
-  if (vector != nullptr) row_scorer(runtime).prefetch(vector);
+  if (vector != nullptr) scorer.prefetch(vector);
 }
 
 // Whether no chosen neighbour is nearer to the candidate than the node is.
-bool diverse(const korvex_runtime_s& runtime, const korvex_nbrs_s& nbrs, std::uint32_t chosen,
-             const float* candidate, float key) {
+bool diverse(const row_scorer& scorer, float direction, const korvex_nbrs_s& nbrs,
+             std::uint32_t chosen, const float* candidate, float key) {
   if (candidate == nullptr) return true;
-  const row_scorer scorer(runtime);
-  const float direction = runtime.direction.load(std::memory_order_relaxed);
   for (std::uint32_t i = 0; i < chosen; ++i) {
     const float* const other = nbrs.selection_vectors[i];
     if (other != nullptr && key_of(direction, scorer.score_bounded(candidate, other, key)) < key)
@@ -49,15 +47,17 @@ bool diverse(const korvex_runtime_s& runtime, const korvex_nbrs_s& nbrs, std::ui
 // Fills nbrs->selection and nbrs->distances; the number chosen.
 std::uint32_t select(const korvex_runtime_s& runtime, korvex_nbrs_s* nbrs, std::uint32_t max) {
   const bool take_all = static_cast<std::uint32_t>(nbrs->candidates->size()) < max;
+  const row_scorer scorer(runtime);
+  const float direction = runtime.direction.load(std::memory_order_relaxed);
   std::uint32_t chosen = 0;
   std::uint32_t id = 0;
   float key = 0;
   while (chosen < max && korvex_nbrs_take_front(nbrs, &id, &key)) {
     if (!take_all) {
       if (const auto* next = static_cast<const korvex_nelem_s*>(nbrs->candidates->peek_front()))
-        prefetch_vector(runtime, next->id);
+        prefetch_vector(runtime, scorer, next->id);
       const float* const vector = vector_or_report(runtime, id);
-      if (!diverse(runtime, *nbrs, chosen, vector, key)) continue;
+      if (!diverse(scorer, direction, *nbrs, chosen, vector, key)) continue;
       nbrs->selection_vectors[chosen] = vector;
     }
     nbrs->selection[chosen] = id;

@@ -420,9 +420,7 @@ void vector_hash_search_few(vector_hash_s* vh, std::uint32_t most, vector_hash_n
   for (const int ring : {g, g - 1, g + 1}) {
     if (ring < 0 || ring >= vector_hash_rings || !has_stars(vh->rings[ring])) continue;
     vector_hash_search_point(vh, vh->rings[ring], most, query, answer);
-    if (answer->id == 0) continue;
-    answer->ring = ring;
-    return;
+    if (answer->id != 0) return;
   }
 }
 

@@ -156,9 +156,9 @@ int vector_hash_add_point(vector_hash_s* vh, vector_hash_node_s* node, vector_ha
 // found before: the caller then falls back to its own entry point. Takes no lock. Returns 0.
 int vector_hash_search(vector_hash_s* vh, vector_hash_node_s* query, vector_hash_node_s* answer);
 
-// A nearest star at a fraction of the cost, for walks that are short themselves: the query's own ring alone, or else one
-// beside it that has stars, and of every array its first `most` stars, which lie farthest apart. Fills answer->id (0 =
-// none), answer->best and answer->ring. Takes no lock.
+// A near star at a fraction of the cost, for walks that are short themselves: from the query's own ring alone, or else from one
+// beside it that has stars, and of every array only the first `most` ones are looked at. Fills answer->id (0 = none) and
+// answer->best. Takes no lock.
 void vector_hash_search_few(vector_hash_s* vh, std::uint32_t most, vector_hash_node_s* query,
                             vector_hash_node_s* answer);
 
