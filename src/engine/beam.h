@@ -1,15 +1,17 @@
 #ifndef KORVEX_ENGINE_BEAM_H
 #define KORVEX_ENGINE_BEAM_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <memory>
 
 namespace korvex {
 
 // The nearest points that a walk has met, in ascending order of their keys; of equal keys the
-// newest comes first. One sorted array: insertion is a search over a few cache lines and a short
-// move, no pointers.
+// newest comes first. Sorted arrays: insertion counts smaller keys over a few cache lines and makes
+// a short move, no pointers.
 // Threads     one walk at a time.
 class walk_beam {
  public:
@@ -26,28 +28,36 @@ class walk_beam {
     size_ = 0;
     cursor_ = 0;
     if (capacity <= capacity_) return true;
-    entries_.reset(new (std::nothrow) entry[capacity]);
-    capacity_ = entries_ ? capacity : 0;
-    return entries_ != nullptr;
+    keys_.reset(new (std::nothrow) float[capacity + counted_at_once]);
+    points_.reset(new (std::nothrow) point[capacity]);
+    const bool made = keys_ != nullptr && points_ != nullptr;
+    capacity_ = made ? capacity : 0;
+    return made;
   }
 
   std::uint32_t size() const { return size_; }
   std::uint32_t capacity() const { return capacity_; }
-  entry& operator[](std::uint32_t position) { return entries_[position]; }
-  const entry& operator[](std::uint32_t position) const { return entries_[position]; }
-  const entry& back() const { return entries_[size_ - 1]; }
+  entry operator[](std::uint32_t position) const {
+    const point& at = points_[position];
+    return {keys_[position], at.id, at.hops, at.marks};
+  }
+  entry back() const { return (*this)[size_ - 1]; }
   void pop_back() {
-    --size_;
+    keys_[--size_] = unused;
     if (cursor_ > size_) cursor_ = size_;
   }
 
   // Puts an entry before all others whose key is not smaller. False when the beam is full.
   bool insert(float key, std::uint32_t id, std::uint16_t hops, std::uint16_t marks = 0) {
     if (size_ == capacity_) return false;
+    make_room();
     const std::uint32_t position = lower_bound(key);
-    entry* const place = entries_.get() + position;
-    std::memmove(place + 1, place, (size_ - position) * sizeof(entry));
-    *place = entry{key, id, hops, marks};
+    float* const key_place = keys_.get() + position;
+    point* const place = points_.get() + position;
+    std::memmove(key_place + 1, key_place, (size_ - position) * sizeof(float));
+    std::memmove(place + 1, place, (size_ - position) * sizeof(point));
+    *key_place = key;
+    *place = {id, hops, marks};
     ++size_;
     if (position < cursor_) cursor_ = position;
     return true;
@@ -56,30 +66,56 @@ class walk_beam {
   // Puts an entry behind the last one; its key must not be smaller than the last.
   bool append(const entry& value) {
     if (size_ == capacity_) return false;
-    entries_[size_++] = value;
+    make_room();
+    keys_[size_] = value.key;
+    points_[size_++] = {value.id, value.hops, value.marks};
     return true;
   }
 
+  bool is_expanded(std::uint32_t position) const {
+    return (points_[position].marks & expanded) != 0;
+  }
+  void set_expanded(std::uint32_t position) { points_[position].marks |= expanded; }
+
   // The first entry that was not expanded, or size(). Every insertion before it moves it back.
   std::uint32_t first_unexpanded() {
-    while (cursor_ < size_ && (entries_[cursor_].marks & expanded) != 0) ++cursor_;
+    while (cursor_ < size_ && is_expanded(cursor_)) ++cursor_;
     return cursor_;
   }
 
  private:
-  std::uint32_t lower_bound(float key) const {
-    const entry* base = entries_.get();
-    std::uint32_t length = size_;
-    while (length > 1) {
-      const std::uint32_t half = length / 2;
-      base += base[half - 1].key < key ? half : 0;
-      length -= half;
-    }
-    return static_cast<std::uint32_t>(base - entries_.get()) +
-           (length == 1 && base->key < key ? 1u : 0u);
+  struct point {
+    std::uint32_t id;
+    std::uint16_t hops;
+    std::uint16_t marks;
+  };
+  static constexpr std::uint32_t counted_at_once = 16;
+  static constexpr std::uint32_t halved_above = 8 * counted_at_once;
+  static constexpr float unused = std::numeric_limits<float>::infinity();
+
+  // Keys behind the last one, up to the end of its sixteen, count as smaller than none.
+  void make_room() {
+    if (size_ % counted_at_once == 0) std::fill_n(keys_.get() + size_, counted_at_once, unused);
   }
 
-  std::unique_ptr<entry[]> entries_;
+  // Without a branch that could be foreseen wrongly, and with few steps that wait for each other.
+  std::uint32_t lower_bound(float key) const {
+    const float* keys = keys_.get();
+    std::uint32_t length = size_;
+    while (length > halved_above) {
+      const std::uint32_t half = length / 2 / counted_at_once * counted_at_once;
+      const std::uint32_t behind = keys[half - 1] < key;
+      keys += half & (0u - behind);
+      length = behind != 0 ? length - half : half;
+    }
+    auto position = static_cast<std::uint32_t>(keys - keys_.get());
+    for (const float* const end = keys + length; keys < end; keys += counted_at_once)
+      for (std::uint32_t i = 0; i < counted_at_once; ++i) position += keys[i] < key ? 1 : 0;
+    return position;
+  }
+
+  std::unique_ptr<float[]> keys_;    // each with sixteen behind the last one at most
+  std::unique_ptr<point[]> points_;  // beside their keys
   std::uint32_t capacity_ = 0;
   std::uint32_t size_ = 0;
   std::uint32_t cursor_ = 0;  // no unexpanded entry stands before it

@@ -48,6 +48,15 @@ class row_scorer {
                      float* out) const {
     std::uint32_t i = 0;
     for (; i + 4 <= count; i += 4) four_(query, rows + i, dimension_, out + i);
+    // With one of the last few repeated, four cost less than those few one by one.
+    const std::uint32_t left = count - i;
+    if (left == 3 || (left == 2 && dimension_ <= 128)) {
+      const float* const last[4] = {rows[i], rows[i + 1], rows[count - 1], rows[count - 1]};
+      float distances[4];
+      four_(query, last, dimension_, distances);
+      std::copy_n(distances, left, out + i);
+      return;
+    }
     for (; i < count; ++i) out[i] = one_(query, rows[i], dimension_);
   }
 

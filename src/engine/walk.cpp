@@ -43,6 +43,7 @@ class graph_walk {
     if (session_.step == 0) session_.step = static_cast<std::int32_t>(16 * neighbour_count_);
     removes_duplicates_ = !querying_ && duplicate_removal_on();
     radius_active_ = querying_ && beam_.size() != 0 && session_.radius_set;
+    restricted_ = radius_active_ || (querying_ && session_.filter != nullptr);
     if (!seed(entry_id)) return;
     mark_beam_visited();
     while (step()) {
@@ -58,7 +59,7 @@ class graph_walk {
     const std::uint32_t first = beam_.first_unexpanded();
     if (first == beam_.size()) return false;
     if (shared_ != nullptr && bound_ < beam_[first].key) {
-      beam_[first].marks |= walk_beam::expanded;
+      beam_.set_expanded(first);
       return false;
     }
     graph_record graph;
@@ -146,7 +147,7 @@ class graph_walk {
     if (!*graph || graph->slot(0) != 0) return first;
     if (beam_.size() < 2 || report_.evaluations >= pass_over_evaluations) return first;
     for (std::uint32_t i = first + 1; i < beam_.size(); ++i) {
-      if ((beam_[i].marks & walk_beam::expanded) != 0) continue;
+      if (beam_.is_expanded(i)) continue;
       const graph_record other = graph_at(beam_[i].id);
       if (!other || other.slot(0) == 0) continue;
       *graph = other;
@@ -162,8 +163,8 @@ class graph_walk {
   }
 
   bool expand(std::uint32_t position, const graph_record& graph) {
-    walk_beam::entry& chosen = beam_[position];
-    chosen.marks |= walk_beam::expanded;
+    const walk_beam::entry chosen = beam_[position];
+    beam_.set_expanded(position);
     if (session_.budget != 0 && filled_ && report_.evaluations > session_.budget) return false;
     const std::uint32_t id = chosen.id;
     bitstore_set(session_.visited, id);
@@ -206,18 +207,22 @@ class graph_walk {
   // the vectors that are compared first. The slot to go on from.
   std::uint32_t gather(const graph_record& graph, std::uint32_t first) {
     const std::uint32_t end = std::min(first + gather_capacity, neighbour_count_);
+    const vector_view vectors(vectors_);
+    bitstore_s* const visited = session_.visited;
+    const std::uint32_t own = node_.id;
     std::uint32_t slot = first;
-    gathered_count_ = 0;
+    std::uint32_t count = 0;
     asked_count_ = 0;
     while (slot < end) {
       const std::uint32_t stop = std::min(slot + gather_step, end);
       for (; slot < stop; ++slot) {
         const std::uint32_t id = graph.slot(slot);
         if (id == 0) break;
-        gathered_[gathered_count_] = id;
-        rows_[gathered_count_] = vector_at(id);
-        gathered_count_ += id != node_.id && bitstore_set(session_.visited, id) == 0 ? 1 : 0;
+        gathered_[count] = id;
+        rows_[count] = vectors.has(id) ? static_cast<const float*>(vectors.get(id)) : vector_at(id);
+        count += id != own && bitstore_set(visited, id) == 0 ? 1 : 0;
       }
+      gathered_count_ = count;
       ask_for_rows(scorer_.lead());
       if (slot < stop) return neighbour_count_;
     }
@@ -250,8 +255,7 @@ class graph_walk {
 
   // Takes a candidate into the beam unless it cannot matter. False ends the walk.
   bool offer(std::uint32_t id, float key) {
-    if (radius_active_ && key < session_.radius) return true;
-    if (rejects(id)) return true;
+    if (restricted_ && rejects(id, key)) return true;
     if (key > bound_ && beam_.size() >= beam_size_) return true;
     if (!beam_.insert(key, id, hops_)) {
       KORVEX_LOG_CRITICAL("failed adding to list: id %u nid %u lid %u i %d\n", id, node_.id,
@@ -265,7 +269,8 @@ class graph_walk {
     return key >= best_ || improve(key);
   }
 
-  bool rejects(std::uint32_t id) const {
+  bool rejects(std::uint32_t id, float key) const {
+    if (radius_active_ && key < session_.radius) return true;
     return querying_ && session_.filter != nullptr &&
            session_.filter(session_.filter_context, id, 0) != 0;
   }
@@ -309,6 +314,7 @@ class graph_walk {
   const bool querying_;
   bool removes_duplicates_ = false;
   bool radius_active_ = false;
+  bool restricted_ = false;  // not all that is near enough is wanted
   bool filled_ = false;
   float bound_ = largest_float;
   float best_ = largest_float;
@@ -336,7 +342,7 @@ void publish_beam(const walk_beam& beam, korvex_nbrs_s* nbrs) {
   blockpool_reset(nbrs->elements);
   nbrs->candidates->reset();
   for (std::uint32_t i = beam.size(); i-- > 0;) {
-    const walk_beam::entry& entry = beam[i];
+    const walk_beam::entry entry = beam[i];
     if (korvex_nbrs_add(nbrs, entry.id, entry.key, entry.hops, entry.marks) == 0) continue;
     KORVEX_LOG_CRITICAL("failed adding to list: id %u nid %u lid %u i %d\n", entry.id, 0u, entry.id,
                         static_cast<int>(i));

@@ -49,12 +49,10 @@ const bitstore_segment_s* bitstore_find_segment(bitstore_s* b, std::uint32_t seg
 
 inline int bitstore_set_in(const bitstore_segment_s& segment, std::uint32_t word, std::uint64_t bit,
                            std::uint16_t generation) {
-  if (segment.stamps[word] != generation) {
-    segment.stamps[word] = generation;
-    segment.words[word] = bit;
-    return 0;
-  }
-  const std::uint64_t before = segment.words[word];
+  // Without a branch: whether a word is of this generation cannot be foreseen.
+  const std::uint64_t valid = std::uint64_t{0} - std::uint64_t{segment.stamps[word] == generation};
+  const std::uint64_t before = segment.words[word] & valid;
+  segment.stamps[word] = generation;
   segment.words[word] = before | bit;
   return (before & bit) != 0;
 }

@@ -127,6 +127,31 @@ inline void* vector_get(const vector_manager_s* m, unsigned id) {
   return blocks[id >> m->id_shift].data + vector_block_header_bytes + slot * m->record_size;
 }
 
+// The records that a store had handed out at one moment, for loops that address many of them.
+class vector_view {
+ public:
+  explicit vector_view(const vector_manager_s* m)
+      : count_(m->next_id.load(std::memory_order_acquire)),
+        blocks_(m->blocks.load(std::memory_order_acquire)),
+        id_mask_(m->id_mask),
+        id_shift_(m->id_shift),
+        record_size_(m->record_size) {}
+
+  bool has(unsigned id) const { return id < count_; }
+  // As vector_get.
+  void* get(unsigned id) const {
+    const std::size_t slot = id & id_mask_;
+    return blocks_[id >> id_shift_].data + vector_block_header_bytes + slot * record_size_;
+  }
+
+ private:
+  const unsigned count_;  // read first: the blocks of these records are there by then
+  const vector_block_s* const blocks_;
+  const unsigned id_mask_;
+  const unsigned id_shift_;
+  const std::size_t record_size_;
+};
+
 // As vector_get, or a copy from the data cache. A copy lives until this thread's call number
 // data_cache_copies from now, on any store. `add` non-zero puts a missed record into the cache. Only for records that no
 // longer change.
