@@ -68,12 +68,19 @@ class korvex_contract final : public adapter {
       throw std::runtime_error("korvex: a bulk query failed");
     const korvex_bulk_results_s* const results = session_->getResultIds(0);
     if (results == nullptr || results->valid == 0) throw std::runtime_error("korvex: no results");
-    std::copy_n(results->ids, pass.queries.rows * pass.k, pass.ids);
+    for (std::size_t row = 0; row < pass.queries.rows; ++row)
+      copy_row(results->ids + row * pass.k, pass.k, pass.ids + row * pass.k);
   }
 
   std::uint64_t evaluations() const override { return walk_evaluations_total(); }
 
  private:
+  // A short row ends in zeros, of which the first may be a row's number.
+  static void copy_row(const std::uint32_t* found, std::size_t k, std::uint32_t* ids) {
+    std::copy_n(found, k, ids);
+    for (; k > 1 && found[k - 1] == 0 && found[k - 2] == 0; --k) ids[k - 1] = no_id;
+  }
+
   const int links_;
   const int construction_effort_;
   const int search_threads_;

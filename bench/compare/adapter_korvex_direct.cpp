@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <stdexcept>
 
 #include "adapter.h"
@@ -55,7 +56,7 @@ class korvex_direct final : public one_by_one_adapter {
   // A failure leaves ids that recall does not forgive.
   void search_one(const float* query, unsigned k, std::uint32_t* ids, int) override {
     static_assert(no_id == KORVEX_NO_ID);  // where it finds fewer
-    ids[0] = no_id;
+    std::fill_n(ids, k, no_id);
     ::korvex_search_direct(index_, query, 1, static_cast<int>(k), &options_, ids, nullptr, nullptr);
   }
 

@@ -1,5 +1,7 @@
 #include "measure.h"
 
+#include <sched.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -20,6 +22,27 @@ double seconds_now(bool processor_time) {
 double resident_bytes() {
   return static_cast<double>(take_memory_usage().v[0]);
 }
+
+// Leaves the calling thread and those that it starts as many processors as they are to have threads: a library whose
+// calling thread works beside them gets no more than the others.
+class processors_of_process {
+ public:
+  explicit processors_of_process(int wanted) {
+    if (sched_getaffinity(0, sizeof before_, &before_) != 0) return;
+    cpu_set_t chosen;
+    CPU_ZERO(&chosen);
+    for (int i = 0; i < CPU_SETSIZE && CPU_COUNT(&chosen) < wanted; ++i)
+      if (CPU_ISSET(i, &before_)) CPU_SET(i, &chosen);
+    bound_ = sched_setaffinity(0, sizeof chosen, &chosen) == 0;
+  }
+  ~processors_of_process() {
+    if (bound_) sched_setaffinity(0, sizeof before_, &before_);
+  }
+
+ private:
+  cpu_set_t before_;
+  bool bound_ = false;
+};
 
 class comparison {
  public:
@@ -42,14 +65,13 @@ class comparison {
     for (int round = 0; round < plan_.build_rounds; ++round)
       for (std::size_t setting = 0; setting < plan_.build_threads.size(); ++setting)
         in_turn(round, [&](std::size_t which) { build(which, setting); });
-    for (std::size_t setting = 0; setting < plan_.search_threads.size(); ++setting) {
-      for (const unsigned effort : plan_.efforts)
-        for (std::size_t which = 0; which < indexes_.size(); ++which)
-          warm_up(which, setting, effort);
-      for (int round = 0; round < plan_.search_rounds; ++round)
-        for (const unsigned effort : plan_.efforts)
-          in_turn(round, [&](std::size_t which) { time_level(which, setting, effort); });
-    }
+    each_level([&](unsigned effort, std::size_t setting) {
+      for (std::size_t which = 0; which < indexes_.size(); ++which) warm_up(which, setting, effort);
+    });
+    for (int round = 0; round < plan_.search_rounds; ++round)
+      each_level([&](unsigned effort, std::size_t setting) {
+        in_turn(round, [&](std::size_t which) { time_level(which, setting, effort); });
+      });
     return std::move(results_);
   }
 
@@ -59,6 +81,13 @@ class comparison {
     const double begin = seconds_now(plan_.processor_time);
     work();
     return seconds_now(plan_.processor_time) - begin;
+  }
+
+  template <class Work>
+  void each_level(const Work& work) const {
+    for (const unsigned effort : plan_.efforts)
+      for (std::size_t setting = 0; setting < plan_.search_threads.size(); ++setting)
+        work(effort, setting);
   }
 
   template <class Work>
@@ -72,6 +101,7 @@ class comparison {
     build_times& times = result.builds[setting];
     indexes_[which].reset();
     const double before = resident_bytes();
+    const processors_of_process bound(times.threads);
     indexes_[which] = plan_.peers[which]->make(plan_.settings);
     times.seconds.push_back(seconds_of([&] { indexes_[which]->build(data_.base, times.threads); }));
     std::fprintf(stderr, "built %s with %d threads: %.2f s\n", result.name.c_str(), times.threads,
@@ -90,6 +120,7 @@ class comparison {
     curve& of = results_[which].curves[setting];
     if (!indexes_[which]->prepare(effort, of.threads)) return;
     const std::uint64_t before = indexes_[which]->evaluations();
+    std::fill(answers_.begin(), answers_.end(), no_id);  // nobody lives on another's answers
     search(which, of.threads);
     level& made = of.levels.emplace_back();
     made.effort = effort;

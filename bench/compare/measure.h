@@ -55,9 +55,10 @@ struct peer_result {
       curves;  // one a thread count, without levels when the library cannot search that way
 };
 
-// Builds and searches with all peers in turn. Rounds and, within a search round, efforts are the outer loops and peers
-// the innermost, in an order that turns round each time: whatever drifts on the machine meets all of them. The index of
-// the last build is searched; a first pass of each level without a clock warms it up and takes its recall.
+// Builds and searches with all peers in turn. Rounds and, within a search round, efforts and thread counts are the outer
+// loops and peers the innermost, in an order that turns round each time: whatever drifts on the machine meets all of them.
+// A build has as many processors as it has threads. The index of the last build is searched; a first pass of each level
+// without a clock warms it up and takes its recall.
 std::vector<peer_result> measure(const plan& plan, const dataset& data, const exact_truth& truth);
 
 }  // namespace korvex::compare

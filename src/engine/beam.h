@@ -10,8 +10,8 @@
 namespace korvex {
 
 // The nearest points that a walk has met, in ascending order of their keys; of equal keys the
-// newest comes first. Sorted arrays: insertion counts smaller keys over a few cache lines and makes
-// a short move, no pointers.
+// newest comes first. Sorted, their keys in an array of their own: insertion counts the smaller ones over a few
+// cache lines and makes a short move, no pointers.
 // Threads     one walk at a time.
 class walk_beam {
  public:
@@ -47,10 +47,11 @@ class walk_beam {
     if (cursor_ > size_) cursor_ = size_;
   }
 
-  // Puts an entry before all others whose key is not smaller. False when the beam is full.
+  // Puts an entry before all others whose key is not smaller; a key is never NaN, see key_of. False when the beam is
+  // full.
   bool insert(float key, std::uint32_t id, std::uint16_t hops, std::uint16_t marks = 0) {
     if (size_ == capacity_) return false;
-    make_room();
+    pad_keys();
     const std::uint32_t position = lower_bound(key);
     float* const key_place = keys_.get() + position;
     point* const place = points_.get() + position;
@@ -66,7 +67,7 @@ class walk_beam {
   // Puts an entry behind the last one; its key must not be smaller than the last.
   bool append(const entry& value) {
     if (size_ == capacity_) return false;
-    make_room();
+    pad_keys();
     keys_[size_] = value.key;
     points_[size_++] = {value.id, value.hops, value.marks};
     return true;
@@ -93,12 +94,12 @@ class walk_beam {
   static constexpr std::uint32_t halved_above = 8 * counted_at_once;
   static constexpr float unused = std::numeric_limits<float>::infinity();
 
-  // Keys behind the last one, up to the end of its sixteen, count as smaller than none.
-  void make_room() {
+  // Before a key is put behind the last one: what is behind it, up to the end of its sixteen, is smaller than nothing.
+  void pad_keys() {
     if (size_ % counted_at_once == 0) std::fill_n(keys_.get() + size_, counted_at_once, unused);
   }
 
-  // Without a branch that could be foreseen wrongly, and with few steps that wait for each other.
+  // Almost without branches that a processor foresees wrongly, and with few steps that wait for each other.
   std::uint32_t lower_bound(float key) const {
     const float* keys = keys_.get();
     std::uint32_t length = size_;
@@ -114,8 +115,9 @@ class walk_beam {
     return position;
   }
 
-  std::unique_ptr<float[]> keys_;    // each with sixteen behind the last one at most
-  std::unique_ptr<point[]> points_;  // beside their keys
+  std::unique_ptr<float[]>
+      keys_;  // counting reads on to the end of a sixteen: there are capacity_ + 16
+  std::unique_ptr<point[]> points_;
   std::uint32_t capacity_ = 0;
   std::uint32_t size_ = 0;
   std::uint32_t cursor_ = 0;  // no unexpanded entry stands before it

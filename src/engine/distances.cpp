@@ -66,23 +66,17 @@ class star_scan {
         inner_product_(hnsw->distance_type == DISTANCE_INNER_PRODUCT),
         squares_(hnsw->distance_type == DISTANCE_L2),
         query_(inner_product_ ? n.vector : n.query),
-        magnitude_(inner_product_ ? 0.0f : n.aux),
-        reads_magnitudes_(inner_product_ || runtime_.vector_bytes > short_row_bytes),
+        magnitude_(inner_product_ || runtime_.vector_bytes <= too_short_to_leave_out ? 0.0f
+                                                                                     : n.aux),
+        reads_magnitudes_(inner_product_ || magnitude_ > 0.0f),
         out_(out) {}
 
-  // counts[i] stars of the i-th one of `arrays` arrays.
-  void run(const std::uint32_t* ids, const std::uint32_t* counts, std::uint32_t arrays) {
+  void run(const std::uint32_t* ids, std::uint32_t count) {
     handful turns[2];
-    std::uint32_t turn = 0;
-    for (std::uint32_t array = 0, begin = 0; array < arrays; begin += counts[array++]) {
-      const std::uint32_t end = begin + counts[array];
-      array_ = array;
-      best_ = largest_float;
-      for (std::uint32_t first = begin; first < end; first += handful_size, turn ^= 1) {
-        fetch(ids, first, std::min(first + handful_size, end), &turns[turn]);
-        compare(turns[turn ^ 1]);
-        turns[turn ^ 1].count = 0;
-      }
+    for (std::uint32_t first = 0, turn = 0; first < count; first += handful_size, turn ^= 1) {
+      fetch(ids, first, std::min(first + handful_size, count), &turns[turn]);
+      compare(turns[turn ^ 1]);
+      turns[turn ^ 1].count = 0;
     }
     for (const handful& last : turns) compare(last);
   }
@@ -93,14 +87,12 @@ class star_scan {
                 "both handfuls are copies of a cache at once");
   struct handful {
     std::uint32_t count = 0;
-    std::uint32_t array = 0;
     std::uint32_t position[handful_size];
     float magnitude[handful_size];
     const float* row[handful_size];
   };
 
   void fetch(const std::uint32_t* ids, std::uint32_t first, std::uint32_t end, handful* next) {
-    next->array = array_;
     for (std::uint32_t i = first; i < end; ++i) {
       const float* row = vector_of(runtime_, ids[i]);
       const float magnitude = reads_magnitudes_ ? stored_magnitude(runtime_, ids[i]) : -1.0f;
@@ -131,7 +123,7 @@ class star_scan {
     for (std::uint32_t i = 0; i < stars.count; ++i) {
       const float distance = on_squared_scale(distances[i], stars.magnitude[i]);
       out_[stars.position[i]] = distance;
-      if (stars.array == array_ && distance < best_) best_ = distance;
+      if (distance < best_) best_ = distance;
     }
   }
 
@@ -141,8 +133,8 @@ class star_scan {
   }
 
   static constexpr float rounding_margin = 1e-4f;
-  // A length is a cache line of its own: what it tells saves less than that of rows which are as short as this.
-  static constexpr std::uint32_t short_row_bytes = 512;
+  // Bytes. A stored length costs a cache line of its own, more than it saves where rows are this short.
+  static constexpr std::uint32_t too_short_to_leave_out = 512;
 
   const korvex_runtime_s& runtime_;
   vectpool_c* const cache_;
@@ -153,8 +145,7 @@ class star_scan {
   const float magnitude_;  // of the query; 0: unknown or of no use
   const bool reads_magnitudes_;
   float* const out_;
-  std::uint32_t array_ = 0;
-  float best_ = largest_float;  // of that array
+  float best_ = largest_float;
 };
 
 }  // namespace
@@ -192,16 +183,15 @@ float korvex_get_hash_distance_cached(void* context, unsigned id, vector_hash_no
   return hash_distance(hnsw, id, static_cast<const float*>(stored), *n, mode);
 }
 
-void korvex_get_hash_distances(void* context, const std::uint32_t* ids, const std::uint32_t* counts,
-                               std::uint32_t arrays, vector_hash_node_s* n, float* out) {
-  star_scan(static_cast<const hnsw_s*>(context), *n, nullptr, out).run(ids, counts, arrays);
+void korvex_get_hash_distances(void* context, const std::uint32_t* ids, std::uint32_t count,
+                               vector_hash_node_s* n, float* out) {
+  star_scan(static_cast<const hnsw_s*>(context), *n, nullptr, out).run(ids, count);
 }
 
-void korvex_get_hash_distances_cached(void* context, const std::uint32_t* ids,
-                                      const std::uint32_t* counts, std::uint32_t arrays,
+void korvex_get_hash_distances_cached(void* context, const std::uint32_t* ids, std::uint32_t count,
                                       vector_hash_node_s* n, float* out) {
   const auto* const hnsw = static_cast<const hnsw_s*>(context);
-  star_scan(hnsw, *n, hnsw->runtime->store[vector_store], out).run(ids, counts, arrays);
+  star_scan(hnsw, *n, hnsw->runtime->store[vector_store], out).run(ids, count);
 }
 
 float korvex_get_norm_distance(hnsw_s* hnsw, std::uint32_t id, const float* unit) {

@@ -36,6 +36,7 @@ void korvex_nbrs_reset(hnsw_s*, korvex_nbrs_s* nbrs) {
   nbrs->worst = largest_float;
   nbrs->evaluations = 0;
   nbrs->dropped_count = 0;
+  nbrs->broken_off = false;
   blockpool_reset(nbrs->elements);
   nbrs->candidates->reset();
   nbrs->results->reset();

@@ -48,6 +48,7 @@ struct korvex_nbrs_s {
   std::uint32_t* noted;             // links of a list that is being rewritten; see inbound.h
   std::uint32_t noted_count;
   std::uint32_t noted_capacity;  // of two lists
+  bool broken_off;               // a fault ended the last walk
 };
 
 // Null when memory is short.

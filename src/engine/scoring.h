@@ -48,9 +48,8 @@ class row_scorer {
                      float* out) const {
     std::uint32_t i = 0;
     for (; i + 4 <= count; i += 4) four_(query, rows + i, dimension_, out + i);
-    // With one of the last few repeated, four cost less than those few one by one.
     const std::uint32_t left = count - i;
-    if (left == 3 || (left == 2 && dimension_ <= 128)) {
+    if (left == 3 || (left == 2 && dimension_ <= pair_dimension)) {
       const float* const last[4] = {rows[i], rows[i + 1], rows[count - 1], rows[count - 1]};
       float distances[4];
       four_(query, last, dimension_, distances);
@@ -71,6 +70,8 @@ class row_scorer {
  private:
   static constexpr std::uint32_t max_prefetched_bytes = 1024;
   static constexpr std::uint32_t short_row_bytes = 512;
+  static constexpr std::uint32_t pair_dimension =
+      128;  // up to here four at once cost less than two one by one
 
   const distance_kernel one_;
   const distance_batch4_kernel four_;

@@ -64,7 +64,8 @@ class graph_walk {
     }
     graph_record graph;
     const std::uint32_t position = pick(first, &graph);
-    if (!graph || !expand(position, graph)) return false;
+    if (!graph) return break_off();
+    if (!expand(position, graph)) return false;
     if (!filled_ && beam_.size() >= beam_size_) first_fill();
     return true;
   }
@@ -89,8 +90,13 @@ class graph_walk {
                                        : nullptr;
   }
 
-  bool report_missing(std::uint32_t id) const {
+  bool report_missing(std::uint32_t id) {
     KORVEX_LOG("*** BUG *** null buffer for id: %u\n", id);
+    return break_off();
+  }
+
+  bool break_off() {
+    report_.broken_off = true;
     return false;
   }
 
@@ -101,7 +107,7 @@ class graph_walk {
     }
     if (entry_id == 0) {
       KORVEX_LOG("*** BUG *** zero id passed to candidtae\n");
-      return false;
+      return break_off();
     }
     const float* const vector = vector_at(entry_id);
     if (vector == nullptr) return report_missing(entry_id);
@@ -170,7 +176,7 @@ class graph_walk {
     bitstore_set(session_.visited, id);
     if (id == node_.id && runtime_.indexing_threads < 2) {
       KORVEX_LOG("*** BUG *** bad nid: id %u n->id %u line %d\n", node_.id, id, self_expanded_line);
-      return false;
+      return break_off();
     }
     if (graph.slot(0) == 0 && !is_seed(hnsw_, id)) return report_waiting(id, graph);
     hops_ = static_cast<std::uint16_t>(chosen.hops + 1);
@@ -219,6 +225,7 @@ class graph_walk {
         const std::uint32_t id = graph.slot(slot);
         if (id == 0) break;
         gathered_[count] = id;
+        // One that was added since then is looked up anew.
         rows_[count] = vectors.has(id) ? static_cast<const float*>(vectors.get(id)) : vector_at(id);
         count += id != own && bitstore_set(visited, id) == 0 ? 1 : 0;
       }
@@ -260,7 +267,7 @@ class graph_walk {
     if (!beam_.insert(key, id, hops_)) {
       KORVEX_LOG_CRITICAL("failed adding to list: id %u nid %u lid %u i %d\n", id, node_.id,
                           beam_.back().id, static_cast<int>(beam_.size()));
-      return false;
+      return break_off();
     }
     if (key <= next_key_) {
       next_key_ = key;
@@ -346,6 +353,7 @@ void publish_beam(const walk_beam& beam, korvex_nbrs_s* nbrs) {
     if (korvex_nbrs_add(nbrs, entry.id, entry.key, entry.hops, entry.marks) == 0) continue;
     KORVEX_LOG_CRITICAL("failed adding to list: id %u nid %u lid %u i %d\n", entry.id, 0u, entry.id,
                         static_cast<int>(i));
+    nbrs->broken_off = true;
     return;
   }
 }
@@ -366,11 +374,13 @@ void korvex_search_candidates(hnsw_s* hnsw, korvex_session_s* session, korvex_nb
   const auto beam_size = static_cast<std::uint32_t>(std::max(session->beam, 1));
   if (!nbrs->beam->reset(std::max(beam_size, held) + hnsw->runtime->neighbour_count + 1)) {
     KORVEX_LOG_CRITICAL("no memory for a walk of %u candidates\n", beam_size);
+    nbrs->broken_off = true;
     return;
   }
   load_beam(*nbrs, nbrs->beam);
   walk_report report;
   walk_graph(hnsw, session, nbrs->beam, *node, entry_id, shared, &report);
+  nbrs->broken_off = report.broken_off;
   publish_beam(*nbrs->beam, nbrs);
   nbrs->evaluations = report.evaluations;
   nbrs->dropped_count = report.dropped_count;

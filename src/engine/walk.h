@@ -58,6 +58,7 @@ void korvex_search_candidates(hnsw_s* hnsw, korvex_session_s* session, korvex_nb
 struct walk_report {
   std::int32_t evaluations = 0;
   std::int32_t dropped_count = 0;
+  bool broken_off = false;  // by a fault
   std::uint32_t dropped[max_dropped] = {};
 };
 

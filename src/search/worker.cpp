@@ -115,8 +115,8 @@ void search_worker::search_anew(korvex_search_ctx_s* session, std::uint32_t prob
   const bool all_linked = load_counter(hnsw_->networked) >= load_counter(hnsw_->added);
   const std::uint64_t begin = platform::monotonic_ns();
   walk(session, entry);
-  // A teardown cuts walks short.
-  if (cache.on && all_linked && load_counter(hnsw_->stop_searching) == 0)
+  // A teardown cuts walks short, and so does a fault.
+  if (cache.on && all_linked && !nbrs_->broken_off && load_counter(hnsw_->stop_searching) == 0)
     store_in_cache(session, cache, walk_start, (platform::monotonic_ns() - begin) / 1'000);
 }
 

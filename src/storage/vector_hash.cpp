@@ -5,7 +5,6 @@
 #include <cfloat>
 #include <cmath>
 #include <new>
-#include <span>
 #include <type_traits>
 
 #include "math/metrics.h"
@@ -21,7 +20,6 @@ constexpr float ring_step = 0.1f;
 // around a point.
 constexpr float near_enough = 0.1f;
 static_assert(std::is_trivially_copyable_v<vector_hash_s>);
-constexpr std::size_t searched_rings = 3;  // a query's own ring and those beside it
 
 std::uint32_t load(std::uint32_t& word, std::memory_order order = std::memory_order_relaxed) {
   return std::atomic_ref(word).load(order);
@@ -34,8 +32,15 @@ void store(T& word, T value, std::memory_order order = std::memory_order_relaxed
 
 // A ring or a star as seen from above: who it is and which array hangs below it.
 struct link_ref {
-  std::uint32_t* id = nullptr;
-  std::uint32_t* lid = nullptr;
+  std::uint32_t* id;
+  std::uint32_t* lid;
+};
+
+struct scan_result {
+  std::uint32_t used = 0;  // occupied slots
+  vector_hash_star_s* nearest = nullptr;
+  std::uint32_t nearest_id = 0;
+  float distance = FLT_MAX;
 };
 
 float anchor_distance(const vector_hash_s* vh, const vector_hash_node_s* node) {
@@ -66,80 +71,39 @@ star_slots fetch_array(vectpool_c* pool, std::uint32_t lid, std::uint32_t width)
   return {static_cast<vector_hash_star_s*>(pool->get(lid)), std::min(width, there)};
 }
 
+constexpr std::uint32_t scan_chunk = 128;
 constexpr std::uint32_t every_star = ~std::uint32_t{0};
 
-// The search for the nearest star of one array; the earliest of equally near ones counts.
-class array_scan {
- public:
-  static constexpr std::uint32_t chunk = 128;
+void star_distances(const vector_hash_s* vh, const std::uint32_t* ids, std::uint32_t count,
+                    vector_hash_node_s* node, vector_hash_mode mode, float* out) {
+  if (mode == vector_hash_mode_search && vh->scan != nullptr)
+    return vh->scan(vh->ctx, ids, count, node, out);
+  for (std::uint32_t i = 0; i < count; ++i) out[i] = vh->distance(vh->ctx, ids[i], node, mode);
+}
 
-  array_scan() = default;
-  explicit array_scan(const star_slots& slots) : slots_(slots) {}
-
-  // Occupied slots so far.
-  std::uint32_t used() const { return used_; }
-  vector_hash_star_s* nearest() const { return nearest_; }
-  std::uint32_t nearest_id() const { return nearest_id_; }
-  float distance() const { return distance_; }
-  bool ended() const { return ended_; }
-
-  // The ids of the next stars, a chunk at most.
-  std::uint32_t read(std::uint32_t* ids) {
-    const std::uint32_t end = std::min(slots_.count - used_, chunk);
-    std::uint32_t count = 0;
-    for (; count < end; ++count) {
-      ids[count] = load(slots_.first[used_ + count].id, std::memory_order_acquire);
+// A chunk of the array at a time; the earliest of equally near stars counts.
+scan_result scan_stars(const vector_hash_s* vh, const star_slots& slots, vector_hash_node_s* node,
+                       vector_hash_mode mode) {
+  scan_result found;
+  std::uint32_t ids[scan_chunk];
+  float distances[scan_chunk];
+  std::uint32_t count = scan_chunk;
+  while (count == scan_chunk) {
+    const std::uint32_t end = std::min(slots.count - found.used, scan_chunk);
+    for (count = 0; count < end; ++count) {
+      ids[count] = load(slots.first[found.used + count].id, std::memory_order_acquire);
       if (ids[count] == 0) break;
     }
-    ended_ = count < chunk;
-    return count;
-  }
-
-  // How far those are.
-  void take(const std::uint32_t* ids, const float* distances, std::uint32_t count) {
+    star_distances(vh, ids, count, node, mode, distances);
     for (std::uint32_t i = 0; i < count; ++i) {
-      if (!(distances[i] < distance_)) continue;
-      nearest_ = &slots_.first[used_ + i];
-      nearest_id_ = ids[i];
-      distance_ = distances[i];
+      if (!(distances[i] < found.distance)) continue;
+      found.nearest = &slots.first[found.used + i];
+      found.nearest_id = ids[i];
+      found.distance = distances[i];
     }
-    used_ += count;
+    found.used += count;
   }
-
- private:
-  star_slots slots_;
-  std::uint32_t used_ = 0;
-  bool ended_ = false;
-  vector_hash_star_s* nearest_ = nullptr;
-  std::uint32_t nearest_id_ = 0;
-  float distance_ = FLT_MAX;
-};
-
-// Of several arrays at once, so that the stars of one come from memory while those of another are compared.
-void scan_stars(const vector_hash_s* vh, std::span<array_scan* const> arrays,
-                vector_hash_node_s* node, vector_hash_mode mode) {
-  std::uint32_t ids[searched_rings * array_scan::chunk];
-  float distances[searched_rings * array_scan::chunk];
-  std::uint32_t counts[searched_rings];
-  for (bool more = true; more;) {
-    std::uint32_t count = 0;
-    for (std::size_t i = 0; i < arrays.size(); ++i) {
-      counts[i] = arrays[i]->ended() ? 0 : arrays[i]->read(ids + count);
-      count += counts[i];
-    }
-    if (mode == vector_hash_mode_search && vh->scan != nullptr)
-      vh->scan(vh->ctx, ids, counts, static_cast<std::uint32_t>(arrays.size()), node, distances);
-    else
-      for (std::uint32_t i = 0; i < count; ++i)
-        distances[i] = vh->distance(vh->ctx, ids[i], node, mode);
-    more = false;
-    count = 0;
-    for (std::size_t i = 0; i < arrays.size(); ++i) {
-      arrays[i]->take(ids + count, distances + count, counts[i]);
-      count += counts[i];
-      more = more || !arrays[i]->ended();
-    }
-  }
+  return found;
 }
 
 void clear_answer(vector_hash_node_s* answer) {
@@ -219,112 +183,82 @@ int descend(vector_hash_s* vh, vector_hash_link_s& ring, vector_hash_node_s* nod
     if (slots.first == nullptr) return -1;
     answer->placed = 0;
     if (width < 1) return depth;
-    array_scan found(slots);
-    array_scan* const scanned = &found;
-    scan_stars(vh, {&scanned, 1}, node, vector_hash_mode_add);
-    if (found.used() < width && radius < found.distance() && radius < answer->best) {
-      if (!place_star(vh, *link.lid, slots, found.used(), width, node->id)) return -1;
+    const scan_result found = scan_stars(vh, slots, node, vector_hash_mode_add);
+    if (found.used < width && radius < found.distance && radius < answer->best) {
+      if (!place_star(vh, *link.lid, slots, found.used, width, node->id)) return -1;
       answer->placed = answer->placed2 = 1;
       return depth + 1;
     }
-    if (found.nearest() == nullptr) return depth;
+    if (found.nearest == nullptr) return depth;
     // A star that is not older is left over from points that a crash took back: it must not become
     // an entry point.
-    if (found.distance() < answer->best && found.nearest_id() < node->id) {
-      answer->best = found.distance();
-      answer->id = found.nearest_id();
+    if (found.distance < answer->best && found.nearest_id < node->id) {
+      answer->best = found.distance;
+      answer->id = found.nearest_id;
     }
     if (!(answer->best > near_enough && radius * 0.5f >= ring_step)) return 0;
-    link = {&found.nearest()->id, &found.nearest()->lid};
+    link = {&found.nearest->id, &found.nearest->lid};
   }
   return 0;
 }
 
-// A search through one ring. Greedy, never back: the nearest star of an array, of its first `most` ones, leads to the
-// next one.
-class vector_hash_search_point {
- public:
-  vector_hash_search_point() = default;
-  vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring, std::uint32_t most)
-      : vh_(vh), most_(most), radius_(ring.radius), link_{&ring.id, &ring.lid} {}
-
-  // Of the nearest star met so far; 0 while none was.
-  std::uint32_t id() const { return id_; }
-  float best() const { return best_; }
-
-  // The array to look at next; null when the search is at its end.
-  array_scan* next() {
-    if (depth_ == vector_hash_max_depth || !(radius_ >= ring_step)) return nullptr;
-    if (depth_ > 0 && load(*link_.id) == 0) {
-      KORVEX_LOG("*** BUG *** null ep id: depth %d\n", depth_);
-      return nullptr;
-    }
-    const std::uint32_t lid = load(*link_.lid, std::memory_order_acquire);
-    if (lid == 0) {
-      if (depth_ == 0) KORVEX_LOG("*** BUG *** ep->lid zero\n");
-      return nullptr;
-    }
-    star_slots slots =
-        fetch_array(vh_->pool, lid, vector_hash_width_at(vh_->width_narrow, radius_));
-    if (slots.first == nullptr) {
-      KORVEX_LOG("*** BUG *** null l for ep->lid %u\n", lid);
-      return nullptr;
-    }
-    slots.count = std::min(slots.count, most_);
-    scan_ = array_scan(slots);
-    return &scan_;
-  }
-
-  // Takes what that array's scan has found.
-  void advance() {
-    if (scan_.nearest() == nullptr) {
-      depth_ = vector_hash_max_depth;
+// Greedy, never back: the nearest star of an array, of its first `most` ones, leads to the next one.
+void vector_hash_search_point(vector_hash_s* vh, vector_hash_link_s& ring, std::uint32_t most,
+                              vector_hash_node_s* query, vector_hash_node_s* answer) {
+  float radius = ring.radius;
+  link_ref link{&ring.id, &ring.lid};
+  for (int depth = 0; depth < vector_hash_max_depth && radius >= ring_step;
+       ++depth, radius *= 0.5f) {
+    if (depth > 0 && load(*link.id) == 0) {
+      KORVEX_LOG("*** BUG *** null ep id: depth %d\n", depth);
       return;
     }
-    if (scan_.distance() < best_) {
-      best_ = scan_.distance();
-      id_ = scan_.nearest_id();
+    const std::uint32_t lid = load(*link.lid, std::memory_order_acquire);
+    if (lid == 0) {
+      if (depth == 0) KORVEX_LOG("*** BUG *** ep->lid zero\n");
+      return;
     }
-    link_ = {&scan_.nearest()->id, &scan_.nearest()->lid};
-    ++depth_;
-    radius_ *= 0.5f;
+    const std::uint32_t width = vector_hash_width_at(vh->width_narrow, radius);
+    star_slots slots = fetch_array(vh->pool, lid, width);
+    if (slots.first == nullptr) {
+      KORVEX_LOG("*** BUG *** null l for ep->lid %u\n", lid);
+      return;
+    }
+    slots.count = std::min(slots.count, most);
+    const scan_result found = scan_stars(vh, slots, query, vector_hash_mode_search);
+    if (found.nearest == nullptr) return;
+    if (found.distance < answer->best) {
+      answer->best = found.distance;
+      answer->id = found.nearest_id;
+    }
+    link = {&found.nearest->id, &found.nearest->lid};
   }
-
- private:
-  vector_hash_s* vh_ = nullptr;
-  std::uint32_t most_ = 0;
-  float radius_ = 0;
-  link_ref link_{};
-  int depth_ = 0;
-  array_scan scan_;
-  std::uint32_t id_ = 0;
-  float best_ = FLT_MAX;
-};
+}
 
 bool has_stars(vector_hash_link_s& ring) {
   return load(ring.id) != 0 && load(ring.lid) != 0;
 }
 
-// Searches rings side by side, array by array, until all are at their ends or the first one has found enough.
-void search_rings(vector_hash_s* vh, std::span<vector_hash_search_point> rings,
-                  vector_hash_node_s* query) {
-  vector_hash_search_point* searched[searched_rings];
-  array_scan* arrays[searched_rings];
-  std::size_t count = 0;
-  for (vector_hash_search_point& ring : rings) searched[count++] = &ring;
-  for (;;) {
-    std::size_t going = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-      arrays[going] = searched[i]->next();
-      if (arrays[going] != nullptr) searched[going++] = searched[i];
-    }
-    count = going;
-    if (count == 0) return;
-    scan_stars(vh, {arrays, count}, query, vector_hash_mode_search);
-    for (std::size_t i = 0; i < count; ++i) searched[i]->advance();
-    if (rings.front().best() < near_enough) count = searched[0] == &rings.front() ? 1 : 0;
+// What a ring and its neighbours have found so far. A ring without stars wipes the answer, but not
+// what it held.
+struct carried_answer {
+  std::uint32_t id = 0;
+  float best = FLT_MAX;
+
+  // Whether the answer is near enough to stop.
+  bool walk_on(vector_hash_s* vh, int ring, vector_hash_node_s* query, vector_hash_node_s* answer,
+               float r) {
+    answer->id = 0;
+    answer->best = r;
+    if (!has_stars(vh->rings[ring])) return false;
+    answer->id = id;
+    answer->best = best;
+    vector_hash_search_point(vh, vh->rings[ring], every_star, query, answer);
+    id = answer->id;
+    best = answer->best;
+    return best < near_enough;
   }
-}
+};
 
 void reset_rings(vector_hash_link_s* rings) {
   for (int i = 0; i < vector_hash_rings; ++i) rings[i] = {0, 0, 0.0f, 0, FLT_MIN, FLT_MAX};
@@ -470,32 +404,10 @@ int vector_hash_search(vector_hash_s* vh, vector_hash_node_s* query, vector_hash
   answer->ring_count = static_cast<std::int32_t>(load(ring.count));
   answer->ring_high = std::atomic_ref(ring.high).load(std::memory_order_relaxed);
   answer->ring_low = std::atomic_ref(ring.low).load(std::memory_order_relaxed);
-  vector_hash_search_point found[searched_rings];
-  bool has[searched_rings];
-  std::size_t tried = 0;
-  std::size_t count = 0;
-  for (const int i : {g, g - 1, g + 1}) {
-    if (i < 0 || i >= vector_hash_rings) continue;
-    has[tried] = has_stars(vh->rings[i]);
-    if (has[tried++]) found[count++] = vector_hash_search_point(vh, vh->rings[i], every_star);
-  }
-  search_rings(vh, {found, count}, query);
-  // The answer is that of one ring after another: a ring without stars wipes it, but not what was found before, and one
-  // that is near enough ends it.
-  std::uint32_t id = 0;
-  float best = FLT_MAX;
-  const vector_hash_search_point* next = found;
-  for (std::size_t i = 0; i < tried && !(best < near_enough); ++i) {
-    answer->id = 0;
-    answer->best = r;
-    if (!has[i]) continue;
-    if (next->best() < best) {
-      id = next->id();
-      best = next->best();
-    }
-    ++next;
-    answer->id = id;
-    answer->best = best;
+  carried_answer carried;
+  for (const int next : {g, g - 1, g + 1}) {
+    if (next < 0 || next >= vector_hash_rings) continue;
+    if (carried.walk_on(vh, next, query, answer, r)) break;
   }
   return 0;
 }
@@ -507,10 +419,7 @@ void vector_hash_search_few(vector_hash_s* vh, std::uint32_t most, vector_hash_n
   const int g = ring_of(anchor_distance(vh, query));
   for (const int ring : {g, g - 1, g + 1}) {
     if (ring < 0 || ring >= vector_hash_rings || !has_stars(vh->rings[ring])) continue;
-    vector_hash_search_point found(vh, vh->rings[ring], most);
-    search_rings(vh, {&found, 1}, query);
-    answer->id = found.id();
-    answer->best = found.best();
+    vector_hash_search_point(vh, vh->rings[ring], most, query, answer);
     if (answer->id != 0) return;
   }
 }

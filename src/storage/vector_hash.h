@@ -37,11 +37,10 @@ enum vector_hash_mode : int { vector_hash_mode_search = 0, vector_hash_mode_add 
 // Threads       called by searching threads and the adding thread at once.
 using vector_hash_distance_fn = float (*)(void* ctx, unsigned id, vector_hash_node_s* n, int mode);
 
-// The same in search mode for the stars of a few arrays at once, one array behind another. Of a star that is provably no
-// nearer than another of its array any value not below that one's will do.
-// Parameters    counts[i] stars are of the i-th one of the `arrays` arrays; `out` takes the distances of all.
-using vector_hash_scan_fn = void (*)(void* ctx, const std::uint32_t* ids,
-                                     const std::uint32_t* counts, std::uint32_t arrays,
+// The same in search mode for many stars at once. Of a star that is provably no nearer than another
+// of the same call any value not below that one's will do.
+// Parameters    `out` takes `count` distances.
+using vector_hash_scan_fn = void (*)(void* ctx, const std::uint32_t* ids, std::uint32_t count,
                                      vector_hash_node_s* n, float* out);
 
 // A star. Arrays of them fill from index 0; the first id 0 ends an array that is not full. Most

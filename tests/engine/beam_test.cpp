@@ -10,20 +10,28 @@
 namespace korvex {
 namespace {
 
-// Every size up to beyond the one from which the search halves, with keys that repeat and keys that end the range.
+// Every size up to beyond the one from which the search halves, in arrays that are new and in used ones, with keys that
+// repeat and keys that end the range.
 TEST(WalkBeam, KeepsTheOrderOfAPlainList) {
   std::mt19937 random(1);
   walk_beam beam;
-  for (const std::uint32_t room : {1u, 15u, 16u, 17u, 33u, 128u, 129u, 200u, 700u}) {
+  for (const std::uint32_t room : {1u, 15u, 16u, 17u, 33u, 128u, 129u, 200u, 700u, 129u, 32u, 3u}) {
     ASSERT_TRUE(beam.reset(room));
+    ASSERT_GE(beam.capacity(), room);
     std::vector<walk_beam::entry> plain;
     for (std::uint32_t id = 1; id < 6 * room + 40; ++id) {
       float key = static_cast<float>(random() % (2 * room)) - static_cast<float>(room);
       if (random() % 20 == 0) key = std::numeric_limits<float>::max();
       if (random() % 20 == 0) key = std::numeric_limits<float>::infinity();
       const auto hops = static_cast<std::uint16_t>(id % 50);
-      ASSERT_EQ(beam.insert(key, id, hops), plain.size() < room);
-      if (plain.size() < room) {
+      const bool fits = plain.size() < beam.capacity();
+      if (fits && id % 7 == 0 && (plain.empty() || !(key < plain.back().key))) {
+        ASSERT_TRUE(beam.append({key, id, hops, 0}));
+        plain.push_back({key, id, hops, 0});
+      } else {
+        ASSERT_EQ(beam.insert(key, id, hops), fits);
+      }
+      if (beam.size() != plain.size()) {
         auto place = plain.begin();
         while (place != plain.end() && place->key < key) ++place;
         plain.insert(place, {key, id, hops, 0});
@@ -36,7 +44,7 @@ TEST(WalkBeam, KeepsTheOrderOfAPlainList) {
         beam.set_expanded(chosen);
         plain[chosen].marks = walk_beam::expanded;
       }
-      for (auto drop = random() % (plain.size() == room ? 20u : 2u); drop > 0 && plain.size() > 1;
+      for (auto drop = random() % (plain.size() >= room ? 20u : 2u); drop > 0 && plain.size() > 1;
            --drop) {
         ASSERT_EQ(beam.back().id, plain.back().id);
         beam.pop_back();

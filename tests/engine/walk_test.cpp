@@ -124,6 +124,7 @@ class engine_walk {
     const korvex_node_s node{id, query};
     korvex_search_candidates(hnsw_, &session, nbrs_, &node, entry, nullptr);
     evaluations = nbrs_->evaluations;
+    broken_off = nbrs_->broken_off;
     std::vector<found> out;
     found next{};
     while (korvex_nbrs_take_front(nbrs_, &next.id, &next.key)) out.push_back(next);
@@ -133,6 +134,7 @@ class engine_walk {
 
   korvex_session_s session{};
   int evaluations = 0;
+  bool broken_off = false;
 
  private:
   hnsw_s* const hnsw_;
@@ -200,14 +202,17 @@ TEST(Walk, FaultsEndItWithOneLine) {
     engine_walk walk(index);
     EXPECT_EQ(walk.run(points[0], row.entry).size(), row.found);
     EXPECT_EQ(log_capture::count(row.line), 1);
+    EXPECT_TRUE(walk.broken_off);
   }
   engine_walk walk(index);
   walk.session.filter = [](void*, unsigned, int) { return 1; };
   EXPECT_EQ(walk.run(points[0], 9).size(), 1u);  // the way in itself is not asked for
+  EXPECT_FALSE(walk.broken_off);
   korvex_runtime_s& runtime = *index.runtime();
   graph_of(runtime, 1).set_slot(0, 4'000);  // damaged: an id beyond the store
   engine_walk damaged(index);
   EXPECT_EQ(damaged.run(points[0], 1).size(), 1u);
+  EXPECT_TRUE(damaged.broken_off);
 }
 
 TEST(Walk, ALinkingWalkMarksTheEntryThatItRepeats) {
