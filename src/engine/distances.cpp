@@ -39,6 +39,12 @@ float dot_on_squared_scale(float dot, float magnitude) {
   return 2.0f - 2.0f * (std::fabs(magnitude) >= 1e-6f ? dot / magnitude : dot);
 }
 
+// Of a squared distance to a unit vector; `magnitude` is that of the other one.
+float without_length(float distance, float magnitude) {
+  if (std::fabs(magnitude) < 1e-6f || std::fabs(1.0f - magnitude) < 1e-6f) return distance;
+  return (distance - 1.0f) / magnitude + (2.0f - magnitude);
+}
+
 // Rings, capture radii and their limits are squared distances of unit vectors; every metric is
 // brought to that scale.
 float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored,
@@ -49,9 +55,8 @@ float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored,
   if (hnsw->distance_type == DISTANCE_L2) distance *= distance;
   if (mode == vector_hash_mode_search && !inner_product) return distance;
   const float magnitude = stored_magnitude(*hnsw->runtime, id);
-  if (inner_product) return dot_on_squared_scale(distance, magnitude);
-  if (std::fabs(magnitude) < 1e-6f || std::fabs(1.0f - magnitude) < 1e-6f) return distance;
-  return (distance - 1.0f) / magnitude + (2.0f - magnitude);
+  return inner_product ? dot_on_squared_scale(distance, magnitude)
+                       : without_length(distance, magnitude);
 }
 
 // Stars against one query, a handful at a time: the next handful comes from memory while one is
@@ -59,16 +64,17 @@ float hash_distance(const hnsw_s* hnsw, unsigned id, const float* stored,
 class star_scan {
  public:
   // With `cache`, rows are read through the store's data cache, and missed ones put into it.
-  star_scan(const hnsw_s* hnsw, const vector_hash_node_s& n, vectpool_c* cache, float* out)
+  star_scan(const hnsw_s* hnsw, const vector_hash_node_s& n, int mode, vectpool_c* cache,
+            float* out)
       : runtime_(*hnsw->runtime),
         cache_(cache),
         scorer_(runtime_),
         inner_product_(hnsw->distance_type == DISTANCE_INNER_PRODUCT),
         squares_(hnsw->distance_type == DISTANCE_L2),
-        query_(inner_product_ ? n.vector : n.query),
-        magnitude_(inner_product_ || runtime_.vector_bytes <= too_short_to_leave_out ? 0.0f
-                                                                                     : n.aux),
-        reads_magnitudes_(inner_product_ || magnitude_ > 0.0f),
+        adds_(mode == vector_hash_mode_add),
+        query_(inner_product_ || adds_ ? n.vector : n.query),
+        magnitude_(leaves_out() ? n.aux : 0.0f),
+        reads_magnitudes_(inner_product_ || adds_ || magnitude_ > 0.0f),
         out_(out) {}
 
   void run(const std::uint32_t* ids, std::uint32_t count) {
@@ -92,6 +98,10 @@ class star_scan {
     const float* row[handful_size];
   };
 
+  bool leaves_out() const {
+    return !inner_product_ && !adds_ && runtime_.vector_bytes > too_short_to_leave_out;
+  }
+
   void fetch(const std::uint32_t* ids, std::uint32_t first, std::uint32_t end, handful* next) {
     for (std::uint32_t i = first; i < end; ++i) {
       const float* row = vector_of(runtime_, ids[i]);
@@ -99,7 +109,7 @@ class star_scan {
       out_[i] = largest_float;
       if (row == nullptr || too_far(magnitude)) continue;
       if (cache_ != nullptr)
-        row = static_cast<const float*>(cache_->get_cached(ids[i], 1));
+        row = static_cast<const float*>(cache_->get_cached(ids[i], adds_ ? 0 : 1));
       else
         scorer_.prefetch(row);
       next->position[next->count] = i;
@@ -129,7 +139,8 @@ class star_scan {
 
   float on_squared_scale(float distance, float magnitude) const {
     if (inner_product_) return dot_on_squared_scale(distance, magnitude);
-    return squares_ ? distance * distance : distance;
+    if (squares_) distance *= distance;
+    return adds_ ? without_length(distance, magnitude) : distance;
   }
 
   static constexpr float rounding_margin = 1e-4f;
@@ -141,6 +152,7 @@ class star_scan {
   const row_scorer scorer_;
   const bool inner_product_;
   const bool squares_;
+  const bool adds_;
   const float* const query_;
   const float magnitude_;  // of the query; 0: unknown or of no use
   const bool reads_magnitudes_;
@@ -184,14 +196,14 @@ float korvex_get_hash_distance_cached(void* context, unsigned id, vector_hash_no
 }
 
 void korvex_get_hash_distances(void* context, const std::uint32_t* ids, std::uint32_t count,
-                               vector_hash_node_s* n, float* out) {
-  star_scan(static_cast<const hnsw_s*>(context), *n, nullptr, out).run(ids, count);
+                               vector_hash_node_s* n, int mode, float* out) {
+  star_scan(static_cast<const hnsw_s*>(context), *n, mode, nullptr, out).run(ids, count);
 }
 
 void korvex_get_hash_distances_cached(void* context, const std::uint32_t* ids, std::uint32_t count,
-                                      vector_hash_node_s* n, float* out) {
+                                      vector_hash_node_s* n, int mode, float* out) {
   const auto* const hnsw = static_cast<const hnsw_s*>(context);
-  star_scan(hnsw, *n, hnsw->runtime->store[vector_store], out).run(ids, count);
+  star_scan(hnsw, *n, mode, hnsw->runtime->store[vector_store], out).run(ids, count);
 }
 
 float korvex_get_norm_distance(hnsw_s* hnsw, std::uint32_t id, const float* unit) {

@@ -20,12 +20,11 @@ float korvex_get_distance_internal(hnsw_s* hnsw, const float* a, const float* b)
 float korvex_get_hash_distance(void* hnsw, unsigned id, vector_hash_node_s* n, int mode);
 float korvex_get_hash_distance_cached(void* hnsw, unsigned id, vector_hash_node_s* n, int mode);
 
-// The same in search mode for many ids, in their order. n->aux is the query's magnitude, 0
-// when unknown.
+// The same for many ids, in their order. n->aux is the magnitude of a query, 0 when unknown.
 void korvex_get_hash_distances(void* hnsw, const std::uint32_t* ids, std::uint32_t count,
-                               vector_hash_node_s* n, float* out);
+                               vector_hash_node_s* n, int mode, float* out);
 void korvex_get_hash_distances_cached(void* hnsw, const std::uint32_t* ids, std::uint32_t count,
-                                      vector_hash_node_s* n, float* out);
+                                      vector_hash_node_s* n, int mode, float* out);
 
 // Distance between a stored point (internal id) and a unit vector, for placing points in norm
 // rings.

@@ -76,8 +76,7 @@ constexpr std::uint32_t every_star = ~std::uint32_t{0};
 
 void star_distances(const vector_hash_s* vh, const std::uint32_t* ids, std::uint32_t count,
                     vector_hash_node_s* node, vector_hash_mode mode, float* out) {
-  if (mode == vector_hash_mode_search && vh->scan != nullptr)
-    return vh->scan(vh->ctx, ids, count, node, out);
+  if (vh->scan != nullptr) return vh->scan(vh->ctx, ids, count, node, mode, out);
   for (std::uint32_t i = 0; i < count; ++i) out[i] = vh->distance(vh->ctx, ids[i], node, mode);
 }
 

@@ -37,11 +37,11 @@ enum vector_hash_mode : int { vector_hash_mode_search = 0, vector_hash_mode_add 
 // Threads       called by searching threads and the adding thread at once.
 using vector_hash_distance_fn = float (*)(void* ctx, unsigned id, vector_hash_node_s* n, int mode);
 
-// The same in search mode for many stars at once. Of a star that is provably no nearer than another
-// of the same call any value not below that one's will do.
+// The same for many stars at once. In search mode, of a star that is provably no nearer than another of the same call
+// any value not below that one's will do.
 // Parameters    `out` takes `count` distances.
 using vector_hash_scan_fn = void (*)(void* ctx, const std::uint32_t* ids, std::uint32_t count,
-                                     vector_hash_node_s* n, float* out);
+                                     vector_hash_node_s* n, int mode, float* out);
 
 // A star. Arrays of them fill from index 0; the first id 0 ends an array that is not full. Most
 // arrays stay short, so an array begins with little room and moves when it is used up, end mark
@@ -130,7 +130,7 @@ vector_hash_s* vector_hash_init(int dim, int anchor_len, unsigned width, vectpoo
                                 persistent_malloc_s* pm, long long base_key,
                                 vector_hash_distance_fn distance, void* ctx);
 
-// Lets searches compare whole star arrays at once. Before the first search; null: one by one.
+// Lets whole star arrays be compared at once. Before the first search and addition; null: one by one.
 void vector_hash_set_scan(vector_hash_s* vh, vector_hash_scan_fn scan);
 
 // Releases what the process holds for the hash; blocks of an index file stay in it. `pm` is the

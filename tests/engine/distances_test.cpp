@@ -36,15 +36,19 @@ TEST(Distances, ManyAtOnceFindTheNearestOfOneByOne) {
         query.vector = unit.data();
         std::vector<std::uint32_t> ids(random() % 40);
         for (std::uint32_t& id : ids) id = random() % 310 + 1;  // some do not exist
-        std::vector<float> together(ids.size(), -1.0f);
-        std::vector<float> single;
-        for (const std::uint32_t id : ids)
-          single.push_back(korvex_get_hash_distance(index, id, &query, vector_hash_mode_search));
-        korvex_get_hash_distances(index, ids.data(), static_cast<std::uint32_t>(ids.size()), &query,
-                                  together.data());
-        ASSERT_EQ(nearest(ids, together), nearest(ids, single)) << metric << " " << dimension;
-        for (std::size_t i = 0; i < ids.size(); ++i)
-          ASSERT_TRUE(together[i] == single[i] || together[i] == largest_float) << ids[i];
+        for (const int mode : {vector_hash_mode_search, vector_hash_mode_add}) {
+          std::vector<float> together(ids.size(), -1.0f);
+          std::vector<float> single;
+          for (const std::uint32_t id : ids)
+            single.push_back(korvex_get_hash_distance(index, id, &query, mode));
+          korvex_get_hash_distances(index, ids.data(), static_cast<std::uint32_t>(ids.size()),
+                                    &query, mode, together.data());
+          ASSERT_EQ(nearest(ids, together), nearest(ids, single)) << metric << " " << dimension;
+          for (std::size_t i = 0; i < ids.size(); ++i)
+            ASSERT_TRUE(together[i] == single[i] ||
+                        (mode == vector_hash_mode_search && together[i] == largest_float))
+                << ids[i];
+        }
       }
     }
   }
