@@ -9,15 +9,24 @@ namespace korvex::compare {
 
 namespace {
 
+// A field as it stands, or in quotation marks where it would be taken apart.
+std::string field(const std::string& text) {
+  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+  std::string quoted = "\"";
+  for (const char each : text) quoted += each == '"' ? std::string("\"\"") : std::string(1, each);
+  return quoted + "\"";
+}
+
 class csv_file {
  public:
-  csv_file(const std::string& path, const std::string& name) : file_(path), name_(name) {
+  csv_file(const std::string& path, const std::string& name) : file_(path), name_(field(name)) {
     fmt::print(file_, "data,what,peer,threads,effort,recall,evaluations,round,value,unit\n");
   }
 
   void write(const peer_result& result, std::size_t n_queries) {
-    fmt::print(file_, "{},memory,{},,,,,,{:.1f},bytes a vector\n", name_, result.name,
-               result.bytes_a_vector);
+    if (result.bytes_a_vector > 0)
+      fmt::print(file_, "{},memory,{},,,,,,{:.1f},bytes a vector\n", name_, result.name,
+                 result.bytes_a_vector);
     for (const build_times& times : result.builds)
       for (std::size_t round = 0; round < times.seconds.size(); ++round)
         fmt::print(file_, "{},build,{},{},,,,{},{:.6f},seconds\n", name_, result.name,

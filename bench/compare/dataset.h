@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@ struct dataset {
   std::string recipe;  // what it is and how it came about, for the report
   matrix base;
   matrix queries;
+  std::string named_distance{};  // what the file calls its distance; empty where it does not
 };
 
 // A seeded mixture of Gaussian clusters that lies near a subspace, as learned vectors and descriptors do. In `latent`
@@ -49,10 +51,24 @@ dataset make_mixture(const mixture& recipe, std::size_t n_queries);
 // pictures the queries. n_points 0: all.
 dataset load_fashion(const std::string& directory, std::size_t n_points, std::size_t n_queries);
 
-// Files of any format that the tool reads. Without one of queries the test vectors of an HDF5 file are taken, else the
-// last n_queries rows out of the base. Throws what the tool's readers throw, or std::runtime_error.
-dataset load_files(const std::string& base, const std::string& queries, std::size_t n_points,
-                   std::size_t n_queries);
+// Files of any format that the tool reads; FILE.hdf5:NAME is one data set of an HDF5 file.
+struct data_files {
+  std::string base;
+  std::string queries;  // empty: an HDF5 file's test vectors, else the last rows of the base
+  std::string format = "auto";  // of files whose names do not tell it, as the tool's --format
+};
+data_files fashion_files(const std::string& directory);
+
+// Rows that are taken out of the base to be queries are n_queries, or a tenth of a file that has no more for them.
+// Throws what the tool's readers throw, or std::runtime_error.
+dataset load_files(const data_files& files, std::size_t n_points, std::size_t n_queries);
+
+struct data_shape {
+  std::size_t rows;
+  std::size_t dimension;
+};
+// What loading the base will give, by the file's header; none where only reading tells. Throws as loading does.
+std::optional<data_shape> shape_of(const data_files& files, std::size_t n_points);
 
 // Brings rows to Euclidean length 1, zero vectors stay.
 void scale_to_unit(matrix& rows);

@@ -1,20 +1,24 @@
 // Korvex beside other libraries: the same vectors, thread counts and graph sizes, interleaved in one run. Prints both
 // curves of recall against queries a second, and the ratios at equal recall.
 #include <fmt/core.h>
-#include <fmt/format.h>
-#include <stdlib.h>
+#include <fmt/ostream.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <exception>
 #include <iostream>
-#include <thread>
+#include <new>
+#include <stdexcept>
 
+#include "cli/console.h"
 #include "dataset.h"
+#include "heading.h"
 #include "math/kernels.h"
 #include "math/metrics.h"
 #include "measure.h"
+#include "obtain.h"
 #include "options.h"
 #include "report.h"
 #include "runtime/log.h"
@@ -26,42 +30,31 @@ namespace {
 
 constexpr std::uint64_t log_ring_bytes = 64'000;
 
-std::vector<const peer*> choose_peers(const std::vector<std::string>& names) {
+[[noreturn]] void refuse_peer(const std::string& name) {
+  std::string known;
+  for (const peer& each : peers()) known += std::string(" ") + each.name;
+  throw std::runtime_error("--peers: no library is called '" + name + "', known are" + known);
+}
+
+std::vector<const peer*> choose_peers(const options& o) {
   std::vector<const peer*> chosen;
   for (const peer& each : peers())
-    if (names.empty()) chosen.push_back(&each);
-  for (const std::string& name : names) {
+    if (o.peers.empty()) chosen.push_back(&each);
+  for (const std::string& name : o.peers) {
     chosen.push_back(find_peer(name));
-    if (chosen.back() == nullptr) throw std::runtime_error("no peer is called " + name);
+    if (chosen.back() == nullptr) refuse_peer(name);
   }
   std::erase_if(chosen, [](const peer* each) {
     if (each->make == nullptr) fmt::print(stderr, "{} is left out: {}\n", each->name, each->absent);
     return each->make == nullptr;
   });
+  if (chosen.empty()) throw std::runtime_error("no library is left to measure");
   return chosen;
 }
 
-std::string load_average() {
-  double load[1];
-  return getloadavg(load, 1) == 1 ? fmt::format("{:.2f}", load[0]) : "unknown";
-}
-
-void print_heading(const options& o, const dataset& data) {
-  const cpu_features features = detect_cpu_features();
-  fmt::print("data             {}, {} x {}, {} queries\n", data.recipe, data.base.rows,
-             data.base.dimension, data.queries.rows);
-  fmt::print("machine          {}, {} processors, load {} before\n", features.brand,
-             std::thread::hardware_concurrency(), load_average());
-  fmt::print("instruction set  {}\n", chosen_kernels());
-  fmt::print("threads          building {}, searching {}\n", fmt::join(o.build_threads, ", "),
-             fmt::join(o.search_threads, ", "));
-  fmt::print("clock            {}\n",
-             o.processor_time ? "processor time of all threads" : "time gone by");
-}
-
-plan make_plan(const options& o, const dataset& data) {
+plan make_plan(const options& o, const std::vector<const peer*>& chosen, const dataset& data) {
   plan made;
-  made.peers = choose_peers(o.peers);
+  made.peers = chosen;
   made.settings = {data.base.dimension, data.base.rows, o.links, o.construction_effort};
   made.settings.search_threads = o.search_threads.at(0);
   made.build_threads = o.build_threads;
@@ -69,61 +62,120 @@ plan make_plan(const options& o, const dataset& data) {
   made.build_rounds = o.build_rounds;
   made.search_rounds = o.rounds;
   made.efforts = o.efforts;
-  std::sort(made.efforts.begin(), made.efforts.end());
   made.k = o.k;
   made.processor_time = o.processor_time;
   return made;
 }
 
+// A run takes hours and may be ended before its time: what is known by then is kept.
+class keeper {
+ public:
+  // Throws std::runtime_error when the file for the values cannot be written.
+  explicit keeper(const options& o) : options_(o) {
+    write({}, 0);
+    if (!written_) throw std::runtime_error(o.csv + " cannot be written");
+  }
+
+  void keep(phase of, int round, const std::vector<peer_result>& results, std::size_t n_queries) {
+    const int rounds = of == phase::building ? options_.build_rounds : options_.rounds;
+    const std::chrono::duration<double> gone = std::chrono::steady_clock::now() - began_;
+    fmt::print(stderr, "{} round {} of {} is done, {} since the start\n",
+               of == phase::building ? "build" : "search", round, rounds,
+               cli::duration_text(gone.count()));
+    write(results, n_queries);
+    if (of == phase::building && round == rounds) print_builds(std::cout, results);
+  }
+
+  // Whether the last write succeeded; a line on standard error when it did not.
+  bool told_all() const {
+    if (!written_) fmt::print(stderr, "{} cannot be written\n", options_.csv);
+    return written_;
+  }
+
+ private:
+  void write(const std::vector<peer_result>& results, std::size_t n_queries) {
+    written_ =
+        options_.csv.empty() || write_csv(options_.csv, name_of_data(options_), results, n_queries);
+  }
+
+  const options& options_;
+  const std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
+  bool written_ = false;
+};
+
 int compare(const options& o) {
+  const std::vector<const peer*> chosen = choose_peers(o);
+  warn_of_memory(o, chosen.size());
+  keeper kept(o);
   const dataset data = obtain_data(o);
-  print_heading(o, data);
+  print_heading(std::cout, o, data);
+  std::cout.flush();
+  warn_of_distance(o, data);
   const exact_truth truth = find_truth(data, o.k, o.truth_cache);
-  const plan wanted = make_plan(o, data);
-  const std::vector<peer_result> results = measure(wanted, data, truth);
-  print_report(std::cout, wanted, data, results);
-  fmt::print("\nload {} after\n", load_average());
-  if (o.csv.empty() || write_csv(o.csv, o.data, results, data.queries.rows)) return 0;
-  fmt::print(stderr, "{} cannot be written\n", o.csv);
-  return 1;
+  plan wanted = make_plan(o, chosen, data);
+  wanted.after_round = [&](phase of, int round, const std::vector<peer_result>& results) {
+    kept.keep(of, round, results, data.queries.rows);
+  };
+  print_report(std::cout, wanted, data, measure(wanted, data, truth));
+  fmt::print(std::cout, "\nload {} after\n", load_average());
+  return kept.told_all() ? 0 : 1;
+}
+
+bool counts(const curve& of) {
+  return std::all_of(of.levels.begin(), of.levels.end(),
+                     [](const level& each) { return each.evaluations > 0; });
 }
 
 // One line a library that counts: evaluations where its curve reaches the recall, and what that is for each doubling
 // of the vectors, which stays the same when cost grows with the logarithm.
-void print_evaluations(const options& o) {
+void print_evaluations(const options& o, const std::vector<const peer*>& chosen) {
   constexpr double recall = 0.95;
   const dataset data = obtain_data(o);
-  plan wanted = make_plan(o, data);
-  std::erase_if(wanted.peers, [](const peer* each) { return !each->counts_evaluations; });
+  const plan wanted = make_plan(o, chosen, data);
   const exact_truth truth = find_truth(data, o.k, "");
   for (const peer_result& result : measure(wanted, data, truth)) {
-    const auto count = value_at(result.curves[0].levels, recall,
-                                [](const level& of, std::size_t) { return of.evaluations; });
+    const curve& of = result.curves[0];
+    const auto count =
+        value_at(of.levels, recall, [](const level& at, std::size_t) { return at.evaluations; });
+    fmt::print(std::cout, "{:>10} {:<16} ", data.base.rows, result.name);
     if (count)
-      fmt::print("{:>10} {:<16} {:>8.0f} {:>14.1f}\n", data.base.rows, result.name, *count,
+      fmt::print(std::cout, "{:>8.0f} {:>14.1f}\n", *count,
                  *count / std::log2(static_cast<double>(data.base.rows)));
+    else if (counts(of))
+      fmt::print(std::cout, "recall {:.2f} lies outside of the levels\n", recall);
     else
-      fmt::print("{:>10} {:<16} recall {:.2f} lies outside of the levels\n", data.base.rows,
-                 result.name, recall);
+      fmt::print(std::cout, "counted no evaluations\n");
   }
+  std::cout.flush();
 }
 
 int print_growth(options o) {
-  fmt::print("distance evaluations a query at recall@{} 0.95, data {}, links {}\n", o.k, o.data,
-             o.links);
-  fmt::print("{:>10} {:<16} {:>8} {:>14}\n", "vectors", "library", "a query", "a doubling");
+  std::vector<const peer*> chosen = choose_peers(o);
+  std::erase_if(chosen, [](const peer* each) {
+    if (!each->counts_evaluations)
+      fmt::print(stderr, "{} is left out: it counts no evaluations\n", each->name);
+    return !each->counts_evaluations;
+  });
   o.rounds = 1;
+  o.n_points = *std::max_element(o.growth.begin(), o.growth.end());
+  warn_of_memory(o, chosen.size());
+  fmt::print(std::cout, "distance evaluations a query at recall@{} 0.95, data {}, links {}\n", o.k,
+             o.data, o.links);
+  fmt::print(std::cout, "{:>10} {:<16} {:>8} {:>14}\n", "vectors", "library", "a query",
+             "a doubling");
   for (const std::size_t size : o.growth) {
     o.n_points = size;
-    print_evaluations(o);
+    print_evaluations(o, chosen);
   }
   return 0;
 }
 
-int run(const options& o) {
+int run(options& o) {
+  settle_efforts(o);
   log_init(log_ring_bytes, 0);
   log_setfd(0);  // standard output is the report's
-  if (!o.log.empty()) log_setpath(o.log.c_str());
+  if (!o.log.empty() && log_setpath(o.log.c_str()) == 0)
+    throw std::runtime_error(o.log + " cannot be written");
   distance_init();
   return o.growth.empty() ? compare(o) : print_growth(o);
 }
@@ -139,6 +191,11 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
   try {
     return korvex::compare::run(options);
+  } catch (const std::bad_alloc&) {
+    fmt::print(stderr,
+               "korvex_compare: not enough memory; --peers names fewer libraries, --points fewer "
+               "vectors\n");
+    return 1;
   } catch (const std::exception& error) {
     fmt::print(stderr, "korvex_compare: {}\n", error.what());
     return 1;

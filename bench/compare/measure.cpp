@@ -62,16 +62,20 @@ class comparison {
   }
 
   std::vector<peer_result> run() {
-    for (int round = 0; round < plan_.build_rounds; ++round)
+    for (int round = 0; round < plan_.build_rounds; ++round) {
       for (std::size_t setting = 0; setting < plan_.build_threads.size(); ++setting)
         in_turn(round, [&](std::size_t which) { build(which, setting); });
+      tell(phase::building, round);
+    }
     each_level([&](unsigned effort, std::size_t setting) {
       for (std::size_t which = 0; which < indexes_.size(); ++which) warm_up(which, setting, effort);
     });
-    for (int round = 0; round < plan_.search_rounds; ++round)
+    for (int round = 0; round < plan_.search_rounds; ++round) {
       each_level([&](unsigned effort, std::size_t setting) {
         in_turn(round, [&](std::size_t which) { time_level(which, setting, effort); });
       });
+      tell(phase::searching, round);
+    }
     return std::move(results_);
   }
 
@@ -81,6 +85,10 @@ class comparison {
     const double begin = seconds_now(plan_.processor_time);
     work();
     return seconds_now(plan_.processor_time) - begin;
+  }
+
+  void tell(phase of, int round) const {
+    if (plan_.after_round) plan_.after_round(of, round + 1, results_);
   }
 
   template <class Work>

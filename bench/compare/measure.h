@@ -2,6 +2,7 @@
 #define KORVEX_BENCH_COMPARE_MEASURE_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,6 +12,9 @@
 #include "truth.h"
 
 namespace korvex::compare {
+
+struct peer_result;
+enum class phase { building, searching };
 
 struct plan {
   std::vector<const peer*> peers;
@@ -23,6 +27,8 @@ struct plan {
   unsigned k = 10;
   // Processor time of all threads instead of time gone by: for machines that are busy with other things.
   bool processor_time = false;
+  // Called behind each round, the first one being 1, with all that is measured by then.
+  std::function<void(phase, int round, const std::vector<peer_result>&)> after_round;
 };
 
 // One point of a curve. The vectors hold one number a round: of all queries, of the middle query, and of the one that

@@ -1,11 +1,10 @@
 #ifndef KORVEX_BENCH_COMPARE_OPTIONS_H
 #define KORVEX_BENCH_COMPARE_OPTIONS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "dataset.h"
 
 namespace CLI {
 class App;
@@ -17,6 +16,7 @@ namespace korvex::compare {
 struct options {
   std::string data = "fashion";
   std::string queries_file;
+  std::string format = "auto";
   std::string fashion_directory = "/usr/share/datasets/fashion-mnist";
   std::size_t n_points = 0;
   std::size_t n_queries = 10'000;
@@ -46,8 +46,9 @@ struct options {
 
 void add_options(CLI::App& app, options& o);
 
-// The vectors that are wanted; throws std::runtime_error when there are none.
-dataset obtain_data(const options& o);
+// Puts efforts in order and drops those below k, with a line on standard error. Throws std::runtime_error when none
+// is left.
+void settle_efforts(options& o);
 
 }  // namespace korvex::compare
 

@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <cmath>
 #include <ostream>
+#include <utility>
 
 namespace korvex::compare {
 
 namespace {
 
 constexpr double wanted_recalls[] = {0.90, 0.95, 0.99, 0.995, 0.999};
+constexpr double table_recalls[] = {0.90, 0.95, 0.99};
 constexpr double usual_recall = 0.95;
 
 double seconds_of(const level& of, std::size_t round) {
@@ -34,14 +36,6 @@ std::string with_spread(const summary& s, int digits) {
 
 const char* plural(int threads) {
   return threads == 1 ? "" : "s";
-}
-
-void print_builds(std::ostream& out, const std::vector<peer_result>& results) {
-  fmt::print(out, "\nbuild, seconds: median (lowest - highest)\n");
-  for (const peer_result& result : results)
-    for (const build_times& times : result.builds)
-      fmt::print(out, "  {:<16} {} thread{:<2} {}\n", result.name, times.threads,
-                 plural(times.threads), with_spread(summarise(times.seconds), 2));
 }
 
 std::string microseconds(const std::vector<double>& seconds) {
@@ -67,8 +61,8 @@ void print_curve(std::ostream& out, const curve& of, std::size_t n_queries) {
 }
 
 void print_curves(std::ostream& out, const peer_result& result, std::size_t n_queries) {
-  fmt::print(out, "\n{}: {}, {:.0f} bytes a vector\n", result.name, result.description,
-             result.bytes_a_vector);
+  fmt::print(out, "\n{}: {}, {} bytes a vector\n", result.name, result.description,
+             result.bytes_a_vector > 0 ? fmt::format("{:.0f}", result.bytes_a_vector) : "-");
   for (const curve& each : result.curves)
     if (!each.levels.empty()) print_curve(out, each, n_queries);
 }
@@ -119,17 +113,40 @@ void print_rates(std::ostream& out, const peer_result& ours, const peer_result& 
   }
 }
 
+// Nothing where one of them was not seen to grow: its memory may have been there before.
+std::string ratio_of_bytes(const peer_result& ours, const peer_result& other) {
+  if (!(ours.bytes_a_vector > 0 && other.bytes_a_vector > 0)) return "-";
+  return fmt::format("{:.3f}", ours.bytes_a_vector / other.bytes_a_vector);
+}
+
+// At the levels that both have: the same effort need not find the same.
+void print_recalls(std::ostream& out, const curve& ours, const curve& other) {
+  std::vector<std::pair<double, unsigned>> differences;
+  for (const level& mine : ours.levels)
+    for (const level& theirs : other.levels)
+      if (mine.effort == theirs.effort)
+        differences.emplace_back(mine.recall - theirs.recall, mine.effort);
+  if (differences.empty()) return;
+  std::sort(differences.begin(), differences.end());
+  const auto [low, low_effort] = differences.front();
+  const auto [high, high_effort] = differences.back();
+  fmt::print(out,
+             "  recall at equal effort, difference: {:+.4f} in the middle, {:+.4f} at effort {} to "
+             "{:+.4f} at effort {}\n",
+             differences[differences.size() / 2].first, low, low_effort, high, high_effort);
+}
+
 void print_ratios(std::ostream& out, const peer_result& ours, const peer_result& other,
                   std::size_t n_queries) {
-  fmt::print(out, "\n{} / {}: median of the rounds' ratios (lowest - highest)\n", ours.name,
-             other.name);
+  fmt::print(out, "\n{} / {}\n", ours.name, other.name);
   for (std::size_t setting = 0; setting < ours.curves.size(); ++setting)
     print_rates(out, ours, other, setting, n_queries);
+  print_recalls(out, ours.curves[0], other.curves[0]);
   for (std::size_t i = 0; i < ours.builds.size(); ++i)
     fmt::print(out, "  build time, {} thread{:<2} {}\n", ours.builds[i].threads,
                plural(ours.builds[i].threads),
                with_spread(summarise(ratios(ours.builds[i].seconds, other.builds[i].seconds)), 3));
-  fmt::print(out, "  bytes a vector         {:.3f}\n", ours.bytes_a_vector / other.bytes_a_vector);
+  fmt::print(out, "  bytes a vector         {}\n", ratio_of_bytes(ours, other));
 }
 
 void print_tail(std::ostream& out, const peer_result& result) {
@@ -152,6 +169,47 @@ void print_scaling(std::ostream& out, const peer_result& result) {
   }
 }
 
+void print_cell(std::ostream& out, const curve& ours, const curve& of, double recall,
+                std::size_t n_queries) {
+  const auto our_seconds = all_at(ours, recall, seconds_of);
+  const auto seconds = all_at(of, recall, seconds_of);
+  std::string rate = "-";
+  std::string ratio = "-";
+  if (!seconds.empty())
+    rate = fmt::format("{:.0f}", static_cast<double>(n_queries) / summarise(seconds).median);
+  if (!seconds.empty() && !our_seconds.empty())
+    ratio = fmt::format("{:.2f}", summarise(ratios(seconds, our_seconds)).median);
+  fmt::print(out, "{:>12} {:>6}", rate, ratio);
+}
+
+void print_table(std::ostream& out, const std::vector<peer_result>& results, std::size_t setting,
+                 std::size_t n_queries) {
+  const curve& ours = results[0].curves[setting];
+  fmt::print(out, "\nqueries a second, {} search thread{}, and {} / each\n", ours.threads,
+             plural(ours.threads), results[0].name);
+  fmt::print(out, "  {:<16}", "at recall");
+  for (const double recall : table_recalls) fmt::print(out, "{:>12.2f}  ratio", recall);
+  for (const peer_result& result : results) {
+    fmt::print(out, "\n  {:<16}", result.name);
+    for (const double recall : table_recalls)
+      print_cell(out, ours, result.curves[setting], recall, n_queries);
+  }
+  fmt::print(out, "\n");
+}
+
+void print_pairs(std::ostream& out, const std::vector<peer_result>& results,
+                 std::size_t n_queries) {
+  if (results.size() < 2) return;
+  fmt::print(out,
+             "\nA ratio is the median of the rounds' ratios (lowest - highest): a round that was "
+             "slow was slow for both.\nIt need not be the ratio of the medians beside it.\n");
+  for (std::size_t other = 1; other < results.size(); ++other)
+    print_ratios(out, results[0], results[other], n_queries);
+  for (std::size_t setting = 0; setting < results[0].curves.size(); ++setting)
+    print_table(out, results, setting, n_queries);
+  out.flush();
+}
+
 }  // namespace
 
 summary summarise(std::vector<double> values) {
@@ -167,25 +225,36 @@ std::optional<double> value_at(const std::vector<level>& levels, double recall,
     const level& low = levels[i];
     const level& high = levels[i + 1];
     if (low.recall > recall || high.recall < recall) continue;
+    const double at_low = quantity(low, round);
+    const double at_high = quantity(high, round);
+    if (!(at_low > 0 && at_high > 0)) return std::nullopt;
     const double share =
         high.recall > low.recall ? (recall - low.recall) / (high.recall - low.recall) : 0.0;
-    return std::exp(std::log(quantity(low, round)) * (1 - share) +
-                    std::log(quantity(high, round)) * share);
+    return std::exp(std::log(at_low) * (1 - share) + std::log(at_high) * share);
   }
   return std::nullopt;
+}
+
+void print_builds(std::ostream& out, const std::vector<peer_result>& results) {
+  fmt::print(out, "\nbuild, seconds: median (lowest - highest)\n");
+  for (const peer_result& result : results)
+    for (const build_times& times : result.builds)
+      fmt::print(out, "  {:<16} {} thread{:<2} {}\n", result.name, times.threads,
+                 plural(times.threads), with_spread(summarise(times.seconds), 2));
+  out.flush();
 }
 
 void print_report(std::ostream& out, const plan& plan, const dataset& data,
                   const std::vector<peer_result>& results) {
   const std::size_t n_queries = data.queries.rows;
-  print_builds(out, results);
   fmt::print(out, "\nrecall@{} against queries a second, {} rounds", plan.k, plan.search_rounds);
   for (const peer_result& result : results) print_curves(out, result, n_queries);
-  for (std::size_t other = 1; other < results.size(); ++other)
-    print_ratios(out, results[0], results[other], n_queries);
+  out.flush();
+  print_pairs(out, results, n_queries);
   fmt::print(out, "\nat recall {:.2f}: median of the rounds (lowest - highest)\n", usual_recall);
   for (const peer_result& result : results) print_tail(out, result);
   for (const peer_result& result : results) print_scaling(out, result);
+  out.flush();
 }
 
 }  // namespace korvex::compare

@@ -18,12 +18,14 @@ struct summary {
 summary summarise(std::vector<double> values);
 
 // A positive quantity of levels where a curve reaches a recall: its logarithm is taken to be linear in the recall
-// between two measured levels. Empty outside of what was measured.
+// between two measured levels. Empty outside of what was measured, and where the quantity is not positive there.
 using level_quantity = double (*)(const level&, std::size_t round);
 std::optional<double> value_at(const std::vector<level>& levels, double recall,
                                level_quantity quantity, std::size_t round = 0);
 
-// Curves of all peers, and the first peer's against each other's: tables for people.
+// Tables for people; each part is flushed when it is done.
+void print_builds(std::ostream& out, const std::vector<peer_result>& results);
+// Curves of all peers, and the first peer's against each other's.
 void print_report(std::ostream& out, const plan& plan, const dataset& data,
                   const std::vector<peer_result>& results);
 

@@ -3,6 +3,7 @@
 #include <xxhash.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <limits>
@@ -53,6 +54,8 @@ void write_cache(const std::string& name, const cache_header& header, const exac
   file.write(reinterpret_cast<const char*>(&header), sizeof header);
   file.write(reinterpret_cast<const char*>(truth.ids.data()), bytes_of(truth.ids));
   file.write(reinterpret_cast<const char*>(truth.distances.data()), bytes_of(truth.distances));
+  if (!file.flush())
+    std::fprintf(stderr, "%s cannot be written, the exact answers are not kept\n", name.c_str());
 }
 
 // Keeps the nearest rows of one query in order.

@@ -1,6 +1,7 @@
 // Every family of distance kernels with every instruction set that this processor has: on vectors in the nearest cache,
 // and on vectors that come from all over the memory. Beside each time stands the share of what the machine can do.
-// Usage: korvex_kernels [--rows N] [options of Google Benchmark]     N: vectors in memory, default 1,000,000
+// Usage: korvex_kernels [--rows N] [options of Google Benchmark]     N: vectors in memory, default 1,000,000, or as
+// many as half of the free memory holds
 //   of_loads    loads from the nearest cache, of the kernels' width: 1 when nothing but loads takes time
 //   of_memory   bytes from memory, read front to back
 //   of_random   rows from memory in random order, each asked for ahead and touched once
@@ -20,6 +21,7 @@
 
 #include "limits.h"
 #include "math/metrics.h"
+#include "runtime/platform/memory.h"
 
 namespace korvex::bench {
 
@@ -28,6 +30,7 @@ namespace {
 constexpr std::size_t dimensions[] = {4,   16,  20,  32,  64,  96,  100,  128,
                                       200, 256, 384, 512, 768, 784, 1024, 1536};
 constexpr std::size_t largest_dimension = 1536;
+constexpr std::size_t least_rows = 1'000;
 constexpr std::size_t most_ordered = 1u << 18;  // rows that the measurement of the limit visits
 constexpr std::size_t rows_an_iteration = 256;
 
@@ -45,6 +48,13 @@ constexpr family families[] = {
 
 std::size_t load_bytes(std::string_view set) {
   return set.starts_with("avx512") ? 64 : set.starts_with("avx") ? 32 : 16;
+}
+
+// Times that a batch of four rows loads the query, as far as whole blocks of 16 go: once, in two halves where sums of
+// four rows do not fit into the registers, or row by row where the set has no kernel for four.
+std::size_t query_loads(std::string_view set, std::string_view of) {
+  if (set == "default" || (set == "sse" && of != "inner_product")) return 4;
+  return set.starts_with("avx") && !set.starts_with("avx512") ? 2 : 1;
 }
 
 // What all benchmarks share; limits are measured once, when the first benchmark asks for them.
@@ -93,6 +103,14 @@ struct subject {
   bool prefetch;
 };
 
+// Of one call of a batch, or of four of a single kernel: each row once, and the query.
+double loaded_bytes(const subject& s) {
+  constexpr std::size_t block = 16;  // what is left over goes row by row
+  const std::size_t whole = s.batch ? s.dimension / block * block : 0;
+  const std::size_t of_query = whole * query_loads(s.set, s.of->name) + 4 * (s.dimension - whole);
+  return static_cast<double>((4 * s.dimension + of_query) * sizeof(float));
+}
+
 // How much of `limit`, an amount a second, is reached with this amount an iteration.
 benchmark::Counter share(double amount, double limit) {
   return {amount / limit, benchmark::Counter::kIsIterationInvariantRate};
@@ -120,11 +138,8 @@ void run_near(benchmark::State& state, const subject& s) {
       for (std::size_t i = 0; i < 4; ++i) out[i] = single(query, rows[i], s.dimension);
     benchmark::DoNotOptimize(out);
   }
-  // The query is loaded once a call.
-  const double vectors = s.batch ? 5 : 8;
   tell_each(state, 4);
-  state.counters["of_loads"] = share(vectors * static_cast<double>(s.dimension * sizeof(float)),
-                                     s.on->cache_rate(load_bytes(s.set)));
+  state.counters["of_loads"] = share(loaded_bytes(s), s.on->cache_rate(load_bytes(s.set)));
 }
 
 void run_random(benchmark::State& state, const subject& s) {
@@ -174,17 +189,33 @@ void register_set(machine* on, const kernel_set& set) {
       }
 }
 
+// Rows of the largest dimension that leave half of the memory to others.
+std::size_t usual_rows() {
+  constexpr std::size_t usual = 1'000'000;
+  constexpr std::size_t row_bytes = largest_dimension * sizeof(float);
+  constexpr double gigabyte = 1e9;
+  const std::uint64_t available = platform::available_memory();
+  if (available == 0 || available / 2 / row_bytes >= usual) return usual;
+  const auto rows = std::max<std::size_t>(available / 2 / row_bytes, least_rows);
+  std::fprintf(
+      stderr,
+      "%zu vectors in place of %zu: these would take %.1f GB, and %.1f GB are free; --rows "
+      "asks for a number\n",
+      rows, usual, static_cast<double>(usual * row_bytes) / gigabyte,
+      static_cast<double>(available) / gigabyte);
+  return rows;
+}
+
 // Takes --rows N out of the arguments.
 std::size_t take_rows(int* argc, char** argv) {
-  constexpr std::size_t usual = 1'000'000;
   for (int i = 1; i + 1 < *argc; ++i) {
     if (std::string_view(argv[i]) != "--rows") continue;
     const std::size_t rows = std::strtoull(argv[i + 1], nullptr, 10);
     std::copy(argv + i + 2, argv + *argc, argv + i);
     *argc -= 2;
-    return std::max<std::size_t>(rows, 1'000);
+    return std::max(rows, least_rows);
   }
-  return usual;
+  return usual_rows();
 }
 
 int run(int argc, char** argv) {

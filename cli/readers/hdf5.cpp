@@ -14,6 +14,8 @@ namespace korvex::cli {
 
 namespace {
 
+constexpr std::size_t most_text_bytes = 4096;
+
 // Something of the HDF5 library that wants to be closed.
 class handle {
  public:
@@ -118,16 +120,57 @@ class hdf5_file final : public vector_file {
   hsize_t next_ = 0;
 };
 
+// As the library stores it where the length is part of the file, else as it hands it out.
+std::string text_of(hid_t attribute, hid_t type) {
+  if (H5Tis_variable_str(type) > 0) {
+    char* text = nullptr;
+    if (H5Aread(attribute, type, &text) < 0 || text == nullptr) return {};
+    const std::string copy = text;
+    H5free_memory(text);
+    return copy;
+  }
+  const std::size_t length = H5Tget_size(type);
+  if (length == 0 || length > most_text_bytes) return {};
+  std::string text(length, '\0');
+  if (H5Aread(attribute, type, text.data()) < 0) return {};
+  return text.substr(0, text.find('\0'));
+}
+
 }  // namespace
 
 std::unique_ptr<vector_file> open_hdf5_file(const std::string& path, const std::string& dataset) {
   return std::make_unique<hdf5_file>(path, dataset);
 }
 
+std::string read_hdf5_text(const std::string& path, const std::string& name) {
+  const handle file(opened(path), H5Fclose);
+  if (!file.ok()) throw file_error(path, "not an HDF5 file");
+  const handle attribute(H5Aopen(file, name.c_str(), H5P_DEFAULT), H5Aclose);
+  if (!attribute.ok()) return {};
+  const handle space(H5Aget_space(attribute), H5Sclose);
+  const handle type(H5Aget_type(attribute), H5Tclose);
+  if (!space.ok() || !type.ok() || H5Sget_simple_extent_npoints(space) != 1 ||
+      H5Tget_class(type) != H5T_STRING)
+    return {};
+  return text_of(attribute, type);
+}
+
 #else
 
-std::unique_ptr<vector_file> open_hdf5_file(const std::string& path, const std::string&) {
+namespace {
+
+[[noreturn]] void refuse(const std::string& path) {
   throw file_error(path, "HDF5 files are not read by this build; it was made without libhdf5");
+}
+
+}  // namespace
+
+std::unique_ptr<vector_file> open_hdf5_file(const std::string& path, const std::string&) {
+  refuse(path);
+}
+
+std::string read_hdf5_text(const std::string& path, const std::string&) {
+  refuse(path);
 }
 
 #endif

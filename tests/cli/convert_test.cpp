@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "cli/readers/hdf5.h"
 #include "cli/readers/vector_file.h"
 #include "tests/cli/tool_test.h"
 
@@ -101,7 +102,9 @@ TEST_F(Convert, Hdf5CollectionsAreRead) {
       "h5py.File('c.hdf5', 'w'); "
       "f['train'] = numpy.arange(12, dtype='f4').reshape(4, 3) / 2; "
       "f.create_dataset('test', data=numpy.ones((2, 3)), compression='gzip'); "
-      "f['neighbors'] = numpy.array([[3, 1], [2, 0]], 'i4'); f['flat'] = numpy.zeros(4)\"";
+      "f['neighbors'] = numpy.array([[3, 1], [2, 0]], 'i4'); f['flat'] = numpy.zeros(4); "
+      "f.attrs.update(distance='angular', padded=numpy.array(b'jaccard', 'S12'), "
+      "two=['a', 'b'], number=3, long=numpy.array(b'x' * 5000))\"";
   if (shell(make) != 0) GTEST_SKIP() << "python3-h5py is not installed";
   ASSERT_EQ(run("convert c.hdf5 - --to text"), 0) << err_;
   EXPECT_EQ(out_, "0 0.5 1\n1.5 2 2.5\n3 3.5 4\n4.5 5 5.5\n");
@@ -109,6 +112,10 @@ TEST_F(Convert, Hdf5CollectionsAreRead) {
   EXPECT_EQ(out_, "1 1 1\n");
   EXPECT_EQ(read_id_file({path("c.hdf5"), vector_format::unknown, "neighbors"}, 9).ids,
             (std::vector<std::uint32_t>{3, 1, 2, 0}));
+  const auto text = [&](const char* name) { return read_hdf5_text(path("c.hdf5"), name); };
+  EXPECT_EQ(text("distance"), "angular");
+  EXPECT_EQ(text("padded"), "jaccard");
+  for (const char* const none : {"two", "number", "long", "absent"}) EXPECT_EQ(text(none), "");
   EXPECT_EQ(run("convert c.hdf5:none - --to text"), 3);
   EXPECT_NE(err_.find("c.hdf5:none: there is no such data set"), std::string::npos) << err_;
   EXPECT_EQ(run("convert c.hdf5:flat - --to text"), 3);
