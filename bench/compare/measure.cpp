@@ -1,13 +1,12 @@
 #include "measure.h"
 
-#include <sched.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <stdexcept>
 
+#include "processors.h"
 #include "runtime/memory_report.h"
 
 namespace korvex::compare {
@@ -22,27 +21,6 @@ double seconds_now(bool processor_time) {
 double resident_bytes() {
   return static_cast<double>(take_memory_usage().v[0]);
 }
-
-// Leaves the calling thread and those that it starts as many processors as they are to have threads: a library whose
-// calling thread works beside them gets no more than the others.
-class processors_of_process {
- public:
-  explicit processors_of_process(int wanted) {
-    if (sched_getaffinity(0, sizeof before_, &before_) != 0) return;
-    cpu_set_t chosen;
-    CPU_ZERO(&chosen);
-    for (int i = 0; i < CPU_SETSIZE && CPU_COUNT(&chosen) < wanted; ++i)
-      if (CPU_ISSET(i, &before_)) CPU_SET(i, &chosen);
-    bound_ = sched_setaffinity(0, sizeof chosen, &chosen) == 0;
-  }
-  ~processors_of_process() {
-    if (bound_) sched_setaffinity(0, sizeof before_, &before_);
-  }
-
- private:
-  cpu_set_t before_;
-  bool bound_ = false;
-};
 
 class comparison {
  public:
