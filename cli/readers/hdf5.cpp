@@ -159,18 +159,18 @@ std::string read_hdf5_text(const std::string& path, const std::string& name) {
 
 namespace {
 
-[[noreturn]] void refuse(const std::string& path) {
+[[noreturn]] void refuse_hdf5(const std::string& path) {
   throw file_error(path, "HDF5 files are not read by this build; it was made without libhdf5");
 }
 
 }  // namespace
 
 std::unique_ptr<vector_file> open_hdf5_file(const std::string& path, const std::string&) {
-  refuse(path);
+  refuse_hdf5(path);
 }
 
 std::string read_hdf5_text(const std::string& path, const std::string&) {
-  refuse(path);
+  refuse_hdf5(path);
 }
 
 #endif
