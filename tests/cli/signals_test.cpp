@@ -106,12 +106,13 @@ TEST_F(Signals, AReaderThatGoesAwayEndsTheToolWithoutAWord) {
 
 // One process at a time has an index open; the others are told so and change nothing.
 TEST_F(Signals, AnIndexInUseIsRefused) {
-  ASSERT_EQ(shell("(cat base.fvecs base.fvecs; touch begun; sleep 1) | korvex build index - "
-                  "--format fvecs & "
-                  "until [ -e begun ]; do sleep 0.01; done; sleep 0.2; "
-                  "korvex search index base.fvecs; echo $?; korvex delete index 1; echo $?; "
-                  "korvex build index base.fvecs; echo $?; wait"),
-            0);
+  ASSERT_EQ(
+      shell("(cat base.fvecs base.fvecs; touch begun; until [ -e tried ]; do sleep 0.01; done) "
+            "| korvex build index - --format fvecs & "
+            "until [ -e begun ]; do sleep 0.01; done; sleep 0.2; "
+            "korvex search index base.fvecs; echo $?; korvex delete index 1; echo $?; "
+            "korvex build index base.fvecs; echo $?; touch tried; wait"),
+      0);
   EXPECT_TRUE(out_.starts_with("1\n1\n1\nadded 6,000")) << out_;
   EXPECT_NE(err_.find("is in use"), std::string::npos) << err_;
   EXPECT_EQ(run("verify index"), 0) << out_;
