@@ -62,8 +62,8 @@ class faiss_adapter final : public one_by_one_adapter {
     std::transform(own.labels.begin(), own.labels.end(), ids, [](auto label) {
       return label < 0 ? no_id : static_cast<std::uint32_t>(label);
     });
-    evaluations_.fetch_add(stats.n3 + stats.ndis,
-                           std::memory_order_relaxed);  // 1.7 counts in the former
+    // Version 1.7 counts in n3, later ones in ndis.
+    evaluations_.fetch_add(stats.n3 + stats.ndis, std::memory_order_relaxed);
   }
 
   // Of one thread.

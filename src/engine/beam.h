@@ -115,8 +115,8 @@ class walk_beam {
     return position;
   }
 
-  std::unique_ptr<float[]>
-      keys_;  // counting reads on to the end of a sixteen: there are capacity_ + 16
+  // Counting reads on to the end of a sixteen, so there are capacity_ + 16.
+  std::unique_ptr<float[]> keys_;
   std::unique_ptr<point[]> points_;
   std::uint32_t capacity_ = 0;
   std::uint32_t size_ = 0;

@@ -119,12 +119,17 @@ void* vector_add(vector_manager_s* m, unsigned* id_out, unsigned count);
 // when records are smaller than 16 bytes or id was never handed out.
 void vector_free(vector_manager_s* m, unsigned id, unsigned count);
 
+// Where record `id` of these blocks lies.
+inline void* vector_address(const vector_block_s* blocks, unsigned id, unsigned id_shift,
+                            unsigned id_mask, std::size_t record_size) {
+  return blocks[id >> id_shift].data + vector_block_header_bytes + (id & id_mask) * record_size;
+}
+
 // The address of a record that was handed out; no check. Runs in every distance evaluation. Touches
 // no record memory, so that it serves to compute addresses for prefetching.
 inline void* vector_get(const vector_manager_s* m, unsigned id) {
   const vector_block_s* blocks = m->blocks.load(std::memory_order_acquire);
-  const std::size_t slot = id & m->id_mask;
-  return blocks[id >> m->id_shift].data + vector_block_header_bytes + slot * m->record_size;
+  return vector_address(blocks, id, m->id_shift, m->id_mask, m->record_size);
 }
 
 // The records that a store had handed out at one moment, for loops that address many of them.
@@ -140,8 +145,7 @@ class vector_view {
   bool has(unsigned id) const { return id < count_; }
   // As vector_get.
   void* get(unsigned id) const {
-    const std::size_t slot = id & id_mask_;
-    return blocks_[id >> id_shift_].data + vector_block_header_bytes + slot * record_size_;
+    return vector_address(blocks_, id, id_shift_, id_mask_, record_size_);
   }
 
  private:
